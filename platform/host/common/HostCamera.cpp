@@ -1,0 +1,311 @@
+#include "HostCamera.h"
+
+#include "stemlib-host.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <map>
+#include <mutex>
+#include <sstream>
+
+namespace stemlib_host {
+
+namespace {
+
+const char* const kDefaultCamera = R"(# The built-in default camera of the host platform.
+root.Brand.Brand = AXIS
+root.Brand.ProdFullName = AXIS Host Camera (simulated)
+root.Brand.ProdShortName = AXIS Host Camera
+root.Brand.ProdNbr = HOST-1
+root.Properties.System.SerialNumber = B8A44F000001
+root.Properties.Firmware.Version = 11.11.73
+root.Properties.System.Architecture = aarch64
+root.Properties.System.Soc = Axis Artpec-8
+root.ImageSource.I0.Sensor.AspectRatio = 16:9
+root.Image.I0.Appearance.Rotation = 0
+root.Image.I0.Appearance.Resolution = 1920x1080
+
+# Video channels and the resolutions each offers.
+channels = 1
+channel.1.resolutions = 1920x1080, 1280x720, 1024x576, 800x450, 640x360, 480x270, 320x180
+
+# Where frames come from: "generator", "file:<video file>" or "images:<folder>".
+video.input = generator
+# Frames per second of the input; 0 delivers frames as fast as they can be made.
+video.framerate = 0
+
+# Lens focal length in microns, answered by the optics service.
+optics.focal_length_um = 4000
+
+# Inference devices, in the order the service lists them.
+larod.devices = cpu-tflite, a9-dlpu-tflite
+)";
+
+std::string trim(const std::string& text) {
+    const char* blanks = " \t\r\n";
+    const std::size_t first = text.find_first_not_of(blanks);
+    if (first == std::string::npos) {
+        return std::string();
+    }
+    const std::size_t last = text.find_last_not_of(blanks);
+    return text.substr(first, last - first + 1);
+}
+
+struct Failure {
+    std::string message;
+    unsigned int skip = 0;
+};
+
+struct State {
+    std::mutex mutex;
+    bool initialised = false;
+    std::shared_ptr<const CameraDescription> camera;
+    std::map<std::string, Failure> failures;
+};
+
+State& state() {
+    static State s;
+    return s;
+}
+
+void addFailuresFromText(State& s, const std::string& spec) {
+    std::stringstream items(spec);
+    std::string item;
+    while (std::getline(items, item, ';')) {
+        const std::size_t equals = item.find('=');
+        if (equals == std::string::npos) {
+            continue;
+        }
+        const std::string call = trim(item.substr(0, equals));
+        if (!call.empty()) {
+            s.failures[call] = Failure{trim(item.substr(equals + 1)), 0};
+        }
+    }
+}
+
+void addFailuresFromCamera(State& s, const CameraDescription& description) {
+    for (const auto& entry : description.withPrefix("fail.")) {
+        s.failures[entry.first.substr(5)] = Failure{entry.second, 0};
+    }
+}
+
+// Called with the mutex held.
+void initialiseLocked(State& s) {
+    if (s.initialised) {
+        return;
+    }
+    s.initialised = true;
+    const char* path = std::getenv("STEMLIB_HOST_CAMERA");
+    if (path != nullptr && *path != '\0') {
+        try {
+            s.camera = std::make_shared<const CameraDescription>(loadCameraDescriptionFile(path));
+        } catch (const std::exception& e) {
+            std::fprintf(stderr, "stemlib host camera: %s; using the built-in default camera\n",
+                         e.what());
+        }
+    }
+    if (!s.camera) {
+        s.camera = std::make_shared<const CameraDescription>(parseCameraDescription(
+            kDefaultCamera, "built-in default camera", std::string()));
+    }
+    addFailuresFromCamera(s, *s.camera);
+    if (const char* failures = std::getenv("STEMLIB_HOST_FAIL")) {
+        addFailuresFromText(s, failures);
+    }
+}
+
+} // namespace
+
+std::optional<std::string> CameraDescription::get(const std::string& key) const {
+    for (const auto& entry : entries) {
+        if (entry.first == key) {
+            return entry.second;
+        }
+    }
+    return std::nullopt;
+}
+
+std::string CameraDescription::getOr(const std::string& key, const std::string& fallback) const {
+    std::optional<std::string> value = get(key);
+    return value ? *value : fallback;
+}
+
+std::vector<std::pair<std::string, std::string>>
+CameraDescription::withPrefix(const std::string& prefix) const {
+    std::vector<std::pair<std::string, std::string>> result;
+    for (const auto& entry : entries) {
+        if (entry.first.compare(0, prefix.size(), prefix) == 0) {
+            result.push_back(entry);
+        }
+    }
+    return result;
+}
+
+std::string CameraDescription::resolvePath(const std::string& value) const {
+    if (value.empty() || value[0] == '/' || directory.empty()) {
+        return value;
+    }
+    return directory + "/" + value;
+}
+
+CameraDescription parseCameraDescription(const std::string& text, const std::string& origin,
+                                         const std::string& directory) {
+    CameraDescription description;
+    description.origin = origin;
+    description.directory = directory;
+    std::istringstream lines(text);
+    std::string line;
+    int lineNumber = 0;
+    while (std::getline(lines, line)) {
+        ++lineNumber;
+        const std::string content = trim(line);
+        if (content.empty() || content[0] == '#') {
+            continue;
+        }
+        const std::size_t equals = content.find('=');
+        if (equals == std::string::npos) {
+            throw DescriptionError(origin + ":" + std::to_string(lineNumber) +
+                                   ": expected \"key = value\"");
+        }
+        const std::string key = trim(content.substr(0, equals));
+        if (key.empty()) {
+            throw DescriptionError(origin + ":" + std::to_string(lineNumber) + ": empty key");
+        }
+        const std::string value = trim(content.substr(equals + 1));
+        bool replaced = false;
+        for (auto& entry : description.entries) {
+            if (entry.first == key) {
+                entry.second = value;
+                replaced = true;
+            }
+        }
+        if (!replaced) {
+            description.entries.emplace_back(key, value);
+        }
+    }
+    return description;
+}
+
+CameraDescription loadCameraDescriptionFile(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    if (!file) {
+        throw DescriptionError(path + ": cannot open the camera description: " +
+                               std::strerror(errno));
+    }
+    std::ostringstream text;
+    text << file.rdbuf();
+    const std::size_t slash = path.rfind('/');
+    const std::string directory = slash == std::string::npos ? "." : path.substr(0, slash);
+    return parseCameraDescription(text.str(), path, directory.empty() ? "/" : directory);
+}
+
+const char* defaultCameraDescriptionText() {
+    return kDefaultCamera;
+}
+
+std::shared_ptr<const CameraDescription> camera() {
+    State& s = state();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    initialiseLocked(s);
+    return s.camera;
+}
+
+void setCamera(std::shared_ptr<const CameraDescription> description) {
+    State& s = state();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    initialiseLocked(s);
+    s.camera = std::move(description);
+    addFailuresFromCamera(s, *s.camera);
+}
+
+std::optional<std::string> takeFailure(const char* call) {
+    State& s = state();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    initialiseLocked(s);
+    const auto found = s.failures.find(call);
+    if (found == s.failures.end()) {
+        return std::nullopt;
+    }
+    if (found->second.skip > 0) {
+        --found->second.skip;
+        return std::nullopt;
+    }
+    return found->second.message;
+}
+
+std::vector<std::string> splitList(const std::string& value) {
+    std::vector<std::string> items;
+    std::stringstream stream(value);
+    std::string item;
+    while (std::getline(stream, item, ',')) {
+        item = trim(item);
+        if (!item.empty()) {
+            items.push_back(item);
+        }
+    }
+    return items;
+}
+
+bool parseSize(const std::string& text, std::uint32_t& width, std::uint32_t& height) {
+    unsigned long w = 0;
+    unsigned long h = 0;
+    char x = 0;
+    char extra = 0;
+    if (std::sscanf(text.c_str(), "%lu%c%lu%c", &w, &x, &h, &extra) != 3 || x != 'x' || w == 0 ||
+        h == 0 || w > 65535 || h > 65535) {
+        return false;
+    }
+    width = static_cast<std::uint32_t>(w);
+    height = static_cast<std::uint32_t>(h);
+    return true;
+}
+
+} // namespace stemlib_host
+
+extern "C" int stemlib_host_load_camera(const char* path, char** error) {
+    using namespace stemlib_host;
+    try {
+        if (path == nullptr) {
+            setCamera(std::make_shared<const CameraDescription>(parseCameraDescription(
+                defaultCameraDescriptionText(), "built-in default camera", std::string())));
+        } else {
+            setCamera(std::make_shared<const CameraDescription>(loadCameraDescriptionFile(path)));
+        }
+        return 0;
+    } catch (const std::exception& e) {
+        if (error != nullptr) {
+            *error = strdup(e.what());
+        }
+        return -1;
+    }
+}
+
+extern "C" void stemlib_host_set_failure(const char* call, const char* message) {
+    stemlib_host_set_failure_after(call, 0, message);
+}
+
+extern "C" void stemlib_host_set_failure_after(const char* call, unsigned int skip,
+                                               const char* message) {
+    using namespace stemlib_host;
+    if (call == nullptr) {
+        return;
+    }
+    State& s = state();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    initialiseLocked(s);
+    if (message == nullptr) {
+        s.failures.erase(call);
+    } else {
+        s.failures[call] = Failure{message, skip};
+    }
+}
+
+extern "C" void stemlib_host_clear_failures(void) {
+    using namespace stemlib_host;
+    State& s = state();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    initialiseLocked(s);
+    s.failures.clear();
+}

@@ -1,0 +1,34 @@
+#!/usr/bin/env bash
+# Installs every build and test dependency of the library from Debian's packages.
+# Quick when everything is present already.
+set -euo pipefail
+
+PACKAGES=(
+    build-essential cmake pkg-config clang-format
+    libopencv-dev libopencv-contrib-dev libopencv-videoio-dev libyuv-dev
+    libcairo2-dev libfreetype-dev libglib2.0-dev
+    libfcgi-dev libfcgi-bin liburiparser-dev
+    libgtest-dev libgmock-dev libbenchmark-dev libspdlog-dev
+    libflatbuffers-dev flatbuffers-compiler
+    fonts-noto-core fonts-wqy-microhei
+)
+
+SUDO=""
+if [ "$(id -u)" -ne 0 ]; then
+    SUDO="sudo"
+fi
+
+missing=()
+for package in "${PACKAGES[@]}"; do
+    if ! dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "install ok installed"; then
+        missing+=("$package")
+    fi
+done
+
+if [ "${#missing[@]}" -eq 0 ]; then
+    echo "install-deps: all ${#PACKAGES[@]} packages present"
+else
+    echo "install-deps: installing ${missing[*]}"
+    $SUDO apt-get update -q
+    $SUDO env DEBIAN_FRONTEND=noninteractive apt-get install -y -q --no-install-recommends "${missing[@]}"
+fi

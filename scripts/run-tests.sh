@@ -1,0 +1,42 @@
+#!/usr/bin/env bash
+# Builds and runs the whole test suite twice (a normal build with warnings as errors, and a build
+# with AddressSanitizer and UndefinedBehaviorSanitizer), checks the formatting, and builds a
+# consumer project against the installed package.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+ROOT="$(pwd)"
+JOBS="$(nproc)"
+
+./scripts/install-deps.sh
+
+echo "== formatting"
+./scripts/check-format.sh
+
+echo "== normal build"
+cmake -S . -B build-tests/normal -DCMAKE_BUILD_TYPE=RelWithDebInfo -DSTEMLIB_WERROR=ON \
+    -DCMAKE_INSTALL_PREFIX="$ROOT/build-tests/prefix"
+cmake --build build-tests/normal -j "$JOBS"
+ctest --test-dir build-tests/normal --output-on-failure -j "$JOBS"
+./build-tests/normal/examples/scene_demo --fast > /dev/null
+
+echo "== installed package and consumer project"
+rm -rf build-tests/prefix build-tests/consumer build-tests/consumer-pc
+cmake --install build-tests/normal > /dev/null
+cmake -S ci/consumer -B build-tests/consumer -DCMAKE_PREFIX_PATH="$ROOT/build-tests/prefix"
+cmake --build build-tests/consumer -j "$JOBS"
+LD_LIBRARY_PATH="$ROOT/build-tests/prefix/lib" ./build-tests/consumer/consumer
+mkdir -p build-tests/consumer-pc
+PKG_CONFIG_PATH="$ROOT/build-tests/prefix/lib/pkgconfig" \
+    sh -c 'c++ -std=c++17 ci/consumer/main.cpp $(pkg-config --cflags --libs stemlib) -o build-tests/consumer-pc/consumer'
+LD_LIBRARY_PATH="$ROOT/build-tests/prefix/lib" ./build-tests/consumer-pc/consumer
+
+echo "== sanitizer build"
+cmake -S . -B build-tests/asan -DCMAKE_BUILD_TYPE=Debug -DSTEMLIB_WERROR=ON -DSTEMLIB_SANITIZE=ON \
+    -DSTEMLIB_BUILD_BENCHMARKS=OFF
+cmake --build build-tests/asan -j "$JOBS"
+export ASAN_OPTIONS="halt_on_error=1:abort_on_error=1:detect_leaks=1"
+export UBSAN_OPTIONS="halt_on_error=1:print_stacktrace=1"
+ctest --test-dir build-tests/asan --output-on-failure -j "$JOBS"
+./build-tests/asan/examples/scene_demo --fast > /dev/null
+
+echo "== all tests passed"

@@ -1,0 +1,7 @@
+#include "Logger.h"
+
+namespace Ombrel {
+
+Logger::~Logger() = default;
+
+} // namespace Ombrel
