@@ -27,11 +27,25 @@ enum class EntranceActivity {
     Unknown = 7
 };
 
-enum class EntranceLocation { Entrance0 = 0, Entrance1 = 1, Entrance2 = 2, Exterior = 3, Unknown = 4 };
+enum class EntranceLocation {
+    Entrance0 = 0,
+    Entrance1 = 1,
+    Entrance2 = 2,
+    Exterior = 3,
+    Unknown = 4
+};
 
 enum class ExclusionLocation { Exclusion0 = 0, Exclusion1 = 1, Exclusion2 = 2, Exterior = 3 };
 
-enum class Location { None = 0, Queue0 = 1, Cashier0 = 2, AOI0 = 3, AOI1 = 4, AOI2 = 5, Exterior = 6 };
+enum class Location {
+    None = 0,
+    Queue0 = 1,
+    Cashier0 = 2,
+    AOI0 = 3,
+    AOI1 = 4,
+    AOI2 = 5,
+    Exterior = 6
+};
 
 enum class LogicalOperation { And = 0, Or = 1, Unknown = 100 };
 

@@ -202,8 +202,8 @@ public:
     // "ActivablePolygon: Polygon: (...) ...  Active:  Active" (or " NOT Active"); the double
     // blanks are part of the form.
     std::string toString() const override {
-        return "ActivablePolygon: " + PolygonT<T>::toString() + " Active: " +
-               (_isActive ? " Active" : " NOT Active");
+        return "ActivablePolygon: " + PolygonT<T>::toString() +
+               " Active: " + (_isActive ? " Active" : " NOT Active");
     }
 
     using PolygonT<T>::contains;

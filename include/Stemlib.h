@@ -9,5 +9,6 @@
 #include "Location.h"
 #include "Logger.h"
 #include "LoggerWrapper.h"
+#include "MemoryMappedFile.h"
 #include "Points.h"
 #include "Polygons.h"

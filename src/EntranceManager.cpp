@@ -46,8 +46,8 @@ EntranceActivity EntranceManager::getEntranceActivity(EntranceLocation priorLoca
                                                  EntranceActivity::ExitEntrance1,
                                                  EntranceActivity::ExitEntrance2};
     const auto isEntrance = [](EntranceLocation location) {
-        return location == EntranceLocation::Entrance0 ||
-               location == EntranceLocation::Entrance1 || location == EntranceLocation::Entrance2;
+        return location == EntranceLocation::Entrance0 || location == EntranceLocation::Entrance1 ||
+               location == EntranceLocation::Entrance2;
     };
     if (priorLocation == EntranceLocation::Exterior && isEntrance(currentLocation)) {
         const auto index = static_cast<std::size_t>(currentLocation);

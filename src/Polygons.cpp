@@ -33,8 +33,8 @@ IPolygon denormalize(const FPolygon& polygon, const Resolution& resolution) {
 }
 
 FActivablePolygon normalize(const IActivablePolygon& polygon, const Resolution& resolution) {
-    return FActivablePolygon(polygon.isActive(), normalize(static_cast<const IPolygon&>(polygon),
-                                                           resolution));
+    return FActivablePolygon(polygon.isActive(),
+                             normalize(static_cast<const IPolygon&>(polygon), resolution));
 }
 
 IActivablePolygon denormalize(const FActivablePolygon& polygon, const Resolution& resolution) {

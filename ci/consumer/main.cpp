@@ -13,7 +13,7 @@ int main() {
         std::cerr << "consumer: unexpected answer\n";
         return 1;
     }
-    std::cout << "consumer: Stemlib " << getStemlibVersion() << " answers " << toString(info.location)
-              << '\n';
+    std::cout << "consumer: Stemlib " << getStemlibVersion() << " answers "
+              << toString(info.location) << '\n';
     return 0;
 }

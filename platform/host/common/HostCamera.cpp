@@ -107,8 +107,8 @@ void initialiseLocked(State& s) {
         }
     }
     if (!s.camera) {
-        s.camera = std::make_shared<const CameraDescription>(parseCameraDescription(
-            kDefaultCamera, "built-in default camera", std::string()));
+        s.camera = std::make_shared<const CameraDescription>(
+            parseCameraDescription(kDefaultCamera, "built-in default camera", std::string()));
     }
     addFailuresFromCamera(s, *s.camera);
     if (const char* failures = std::getenv("STEMLIB_HOST_FAIL")) {
@@ -191,8 +191,8 @@ CameraDescription parseCameraDescription(const std::string& text, const std::str
 CameraDescription loadCameraDescriptionFile(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
     if (!file) {
-        throw DescriptionError(path + ": cannot open the camera description: " +
-                               std::strerror(errno));
+        throw DescriptionError(path +
+                               ": cannot open the camera description: " + std::strerror(errno));
     }
     std::ostringstream text;
     text << file.rdbuf();
