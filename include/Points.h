@@ -115,8 +115,8 @@ public:
 
     // True when the two share an area larger than zero; touching edges do not intersect.
     bool intersects(const RectangleT<T>& other) const {
-        return x < other.x + other.width && other.x < x + width && y < other.y + other.height &&
-               other.y < y + height;
+        return std::min(x + width, other.x + other.width) > std::max(x, other.x) &&
+               std::min(y + height, other.y + other.height) > std::max(y, other.y);
     }
     // The common part. Without one, a rectangle of zero width and/or height at the corner where
     // the common part would begin.
