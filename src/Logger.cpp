@@ -1,7 +1,346 @@
 #include "Logger.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <fstream>
+#include <sstream>
+#include <utility>
+
 namespace Ombrel {
 
-Logger::~Logger() = default;
+namespace {
+
+const char* const logLevelStrings[] = {"info", "warning", "error"};
+
+const char* levelWord(LogLevel logLevel) {
+    switch (logLevel) {
+    case LogLevel::Info:
+        return logLevelStrings[0];
+    case LogLevel::Warning:
+        return logLevelStrings[1];
+    case LogLevel::Error:
+        return logLevelStrings[2];
+    }
+    return logLevelStrings[0];
+}
+
+// More waiting entries than this force a flush.
+constexpr std::size_t kMaxWaitingEntries = 100;
+
+// Writes all of data, retrying after interruptions and short writes. False on a write error.
+bool writeAll(int fd, const char* data, std::size_t size) {
+    while (size > 0) {
+        const ssize_t written = ::write(fd, data, size);
+        if (written < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            return false;
+        }
+        data += written;
+        size -= static_cast<std::size_t>(written);
+    }
+    return true;
+}
+
+// Writes data to path, either appended or replacing the file's contents. Failures are silent:
+// the logger reports nothing of its own.
+void writeFile(const std::string& path, const std::string& data, bool append) {
+    const int flags = O_WRONLY | O_CREAT | O_CLOEXEC | (append ? O_APPEND : O_TRUNC);
+    const int fd = ::open(path.c_str(), flags, 0666);
+    if (fd < 0) {
+        return;
+    }
+    writeAll(fd, data.data(), data.size());
+    ::close(fd);
+}
+
+// The whole file as bytes; false if it cannot be opened or read.
+bool readFile(const std::string& path, std::string& contents) {
+    std::ifstream file(path, std::ios::binary);
+    if (!file.good()) {
+        return false;
+    }
+    std::ostringstream buffer;
+    buffer << file.rdbuf();
+    contents = std::move(buffer).str();
+    return !file.bad();
+}
+
+void appendSerialized(std::string& out, const LogEntry& entry, char separator) {
+    out.append(entry._dateTime)
+        .append(1, separator)
+        .append(entry._appName)
+        .append(1, separator)
+        .append(entry._logLevel)
+        .append(1, separator)
+        .append(entry._message);
+}
+
+} // namespace
+
+LogEntry::LogEntry(std::string dateTime, std::string appName, std::string logLevel,
+                   std::string message)
+    : _dateTime(std::move(dateTime)), _appName(std::move(appName)),
+      _logLevel(std::move(logLevel)), _message(std::move(message)) {}
+
+std::string LogEntry::serialize() const {
+    std::string out;
+    out.reserve(_dateTime.size() + _appName.size() + _logLevel.size() + _message.size() + 3);
+    appendSerialized(out, *this, '|');
+    return out;
+}
+
+std::string LogEntry::serializeAsPlainText() const {
+    std::string out;
+    out.reserve(_dateTime.size() + _appName.size() + _logLevel.size() + _message.size() + 3);
+    appendSerialized(out, *this, ' ');
+    return out;
+}
+
+void LogEntry::deserialize(std::string& line) {
+    // Token i is the text before the i-th bar; the scan runs over every bar, so the message is
+    // what follows the last one.
+    std::size_t start = 0;
+    int token = 0;
+    for (std::size_t bar = line.find('|'); bar != std::string::npos;
+         bar = line.find('|', start)) {
+        if (token <= 2) {
+            std::string& field = token == 0 ? _dateTime : token == 1 ? _appName : _logLevel;
+            field.assign(line, start, bar - start);
+        }
+        ++token;
+        start = bar + 1;
+    }
+    _message.assign(line, start, std::string::npos);
+    line.clear();
+}
+
+Logger::Logger(const std::string& appName, const std::string& logfilePath)
+    : _appName(appName), _logfilePath(logfilePath) {
+    _logEntries.reserve(kMaxWaitingEntries + 1);
+    _nextPurgeCheckDate = std::time(nullptr);
+    incrementNextPurgeDate();
+    Logger::warning("STARTING " + _appName);
+}
+
+Logger::~Logger() {
+    try {
+        Logger::warning("STOPPING " + _appName);
+        flush();
+    } catch (...) {
+        // Nothing may leave a destructor; the stop line is lost in that case.
+    }
+}
+
+void Logger::info(const std::string& message) {
+    addLogEntry(LogLevel::Info, message);
+}
+
+void Logger::warning(const std::string& message) {
+    std::lock_guard<std::recursive_mutex> lock(_mutex);
+    addLogEntry(LogLevel::Warning, message);
+    flushLocked();
+}
+
+void Logger::error(const std::string& message) {
+    std::lock_guard<std::recursive_mutex> lock(_mutex);
+    addLogEntry(LogLevel::Error, message);
+    flushLocked();
+}
+
+void Logger::flush() {
+    std::lock_guard<std::recursive_mutex> lock(_mutex);
+    flushLocked();
+}
+
+void Logger::flushLocked() {
+    if (!_logEntries.empty()) {
+        std::string batch;
+        for (const LogEntry& entry : _logEntries) {
+            appendSerialized(batch, entry, '|');
+            batch.push_back('\n');
+        }
+        // Entries are dropped even when the file cannot be written: nothing waits forever.
+        _logEntries.clear();
+        writeFile(_logfilePath, batch, true);
+    }
+    purge();
+}
+
+void Logger::purge() {
+    std::lock_guard<std::recursive_mutex> lock(_mutex);
+    const std::int64_t logFileSize = getLogFileSize();
+    if (logFileSize <= 0 || _maxSize > static_cast<std::uint64_t>(logFileSize)) {
+        return;
+    }
+    info("Purging log file. Initial log file size=" + std::to_string(logFileSize) + " bytes.");
+
+    std::string contents;
+    if (!readFile(_logfilePath, contents) || contents.empty()) {
+        return;
+    }
+    // Lines as std::getline sees them: split at each newline, a last line without a newline
+    // counts, and a newline at the very end starts no further line.
+    std::vector<std::pair<std::size_t, std::size_t>> lines; // offset, length without newline
+    for (std::size_t pos = 0; pos < contents.size();) {
+        std::size_t end = contents.find('\n', pos);
+        if (end == std::string::npos) {
+            end = contents.size();
+        }
+        lines.emplace_back(pos, end - pos);
+        pos = end + 1;
+    }
+
+    // Walk back from the newest line; the line whose length carries the total past _minSize is
+    // the oldest one kept. The last line is always kept, also when nothing crosses the limit.
+    std::size_t firstLineToKeep = lines.size() - 1;
+    std::uint64_t totalSize = lines.back().second;
+    for (std::size_t i = firstLineToKeep; i-- > 0;) {
+        totalSize += lines[i].second;
+        if (totalSize > _minSize) {
+            firstLineToKeep = i;
+            break;
+        }
+    }
+    std::string kept = contents.substr(lines[firstLineToKeep].first);
+    if (kept.back() != '\n') {
+        kept.push_back('\n');
+    }
+    writeFile(_logfilePath, kept, false);
+    info("Purging log file. Final log file size=" + std::to_string(getLogFileSize()) + " bytes.");
+}
+
+void Logger::clear() {
+    std::lock_guard<std::recursive_mutex> lock(_mutex);
+    _logEntries.clear();
+    writeFile(_logfilePath, std::string(), false);
+}
+
+std::string Logger::getSerializedLogContents() {
+    std::string out;
+    for (const LogEntry& entry : getLogEntries()) {
+        appendSerialized(out, entry, '|');
+        out.push_back('\n');
+    }
+    return out;
+}
+
+std::string Logger::getPlainLogContents() {
+    std::string out;
+    for (const LogEntry& entry : getLogEntries()) {
+        appendSerialized(out, entry, ' ');
+        out.push_back('\n');
+    }
+    return out;
+}
+
+LogEntries Logger::getLogEntries() {
+    std::lock_guard<std::recursive_mutex> lock(_mutex);
+    flushLocked();
+    return getLogEntriesFromFile();
+}
+
+LogEntries Logger::getLogEntriesFromFile() {
+    LogEntries entries;
+    for (std::string& line : getLogLines()) {
+        LogEntry entry;
+        entry.deserialize(line);
+        entries.push_back(std::move(entry));
+    }
+    return entries;
+}
+
+void Logger::setSizeLimits(int minSize, int maxSize) {
+    std::lock_guard<std::recursive_mutex> lock(_mutex);
+    _minSize = static_cast<std::uint64_t>(static_cast<std::int64_t>(minSize));
+    _maxSize = static_cast<std::uint64_t>(static_cast<std::int64_t>(maxSize));
+}
+
+std::int64_t Logger::getLogFileSize() const {
+    std::lock_guard<std::recursive_mutex> lock(_mutex);
+    const int fd = ::open(_logfilePath.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        return -1;
+    }
+    struct stat status {};
+    std::int64_t size = -1;
+    if (::fstat(fd, &status) == 0 && !S_ISDIR(status.st_mode)) {
+        size = static_cast<std::int64_t>(::lseek(fd, 0, SEEK_END));
+    }
+    ::close(fd);
+    return size;
+}
+
+std::string Logger::getCurrentDateTime() {
+    std::lock_guard<std::recursive_mutex> lock(_mutex);
+    const std::time_t now = std::time(nullptr);
+    if (now != _cachedTime) {
+        _cachedDateTime = timeToString(now);
+        _cachedTime = now;
+    }
+    return _cachedDateTime;
+}
+
+std::string Logger::timeToString(std::time_t epochTime) {
+    std::tm local{};
+    if (localtime_r(&epochTime, &local) == nullptr) {
+        return std::string();
+    }
+    char buffer[80];
+    const std::size_t length = std::strftime(buffer, sizeof(buffer), "%Y-%m-%d %H:%M:%S", &local);
+    return std::string(buffer, length);
+}
+
+void Logger::addLogEntry(LogLevel logLevel, const std::string& message) {
+    std::lock_guard<std::recursive_mutex> lock(_mutex);
+    _logEntries.emplace_back(getCurrentDateTime(), _appName, levelWord(logLevel), message);
+    if (_logEntries.size() > kMaxWaitingEntries) {
+        flushLocked();
+    }
+}
+
+std::time_t Logger::incrementNextPurgeDate() {
+    std::lock_guard<std::recursive_mutex> lock(_mutex);
+    _nextPurgeCheckDate += static_cast<std::time_t>(_purgeCheckInterval) * 86400;
+    return _nextPurgeCheckDate;
+}
+
+LogLines Logger::getLogLines() {
+    std::lock_guard<std::recursive_mutex> lock(_mutex);
+    LogLines lines;
+    std::ifstream file(_logfilePath);
+    if (!file.good()) {
+        return lines;
+    }
+    std::string line;
+    while (std::getline(file, line)) {
+        lines.push_back(line);
+    }
+    return lines;
+}
+
+SysloggingLogger::SysloggingLogger(const std::string& appName, const std::string& logfilePath)
+    : Logger(appName, logfilePath) {}
+
+// The message is passed as data: text from outside may hold '%'.
+void SysloggingLogger::info(const std::string& message) {
+    syslog(LOG_INFO, "%s", message.c_str());
+    Logger::info(message);
+}
+
+void SysloggingLogger::warning(const std::string& message) {
+    syslog(LOG_WARNING, "%s", message.c_str());
+    Logger::warning(message);
+}
+
+void SysloggingLogger::error(const std::string& message) {
+    syslog(LOG_ERR, "%s", message.c_str());
+    Logger::error(message);
+}
 
 } // namespace Ombrel
