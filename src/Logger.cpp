@@ -85,8 +85,8 @@ void appendSerialized(std::string& out, const LogEntry& entry, char separator) {
 
 LogEntry::LogEntry(std::string dateTime, std::string appName, std::string logLevel,
                    std::string message)
-    : _dateTime(std::move(dateTime)), _appName(std::move(appName)),
-      _logLevel(std::move(logLevel)), _message(std::move(message)) {}
+    : _dateTime(std::move(dateTime)), _appName(std::move(appName)), _logLevel(std::move(logLevel)),
+      _message(std::move(message)) {}
 
 std::string LogEntry::serialize() const {
     std::string out;
@@ -107,8 +107,7 @@ void LogEntry::deserialize(std::string& line) {
     // what follows the last one.
     std::size_t start = 0;
     int token = 0;
-    for (std::size_t bar = line.find('|'); bar != std::string::npos;
-         bar = line.find('|', start)) {
+    for (std::size_t bar = line.find('|'); bar != std::string::npos; bar = line.find('|', start)) {
         if (token <= 2) {
             std::string& field = token == 0 ? _dateTime : token == 1 ? _appName : _logLevel;
             field.assign(line, start, bar - start);
