@@ -6,8 +6,9 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 #include <fstream>
-#include <sstream>
+#include <string_view>
 #include <utility>
 
 namespace Ombrel {
@@ -49,7 +50,7 @@ bool writeAll(int fd, const char* data, std::size_t size) {
 
 // Writes data to path, either appended or replacing the file's contents. Failures are silent:
 // the logger reports nothing of its own.
-void writeFile(const std::string& path, const std::string& data, bool append) {
+void writeFile(const std::string& path, std::string_view data, bool append) {
     const int flags = O_WRONLY | O_CREAT | O_CLOEXEC | (append ? O_APPEND : O_TRUNC);
     const int fd = ::open(path.c_str(), flags, 0666);
     if (fd < 0) {
@@ -61,14 +62,35 @@ void writeFile(const std::string& path, const std::string& data, bool append) {
 
 // The whole file as bytes; false if it cannot be opened or read.
 bool readFile(const std::string& path, std::string& contents) {
-    std::ifstream file(path, std::ios::binary);
-    if (!file.good()) {
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
         return false;
     }
-    std::ostringstream buffer;
-    buffer << file.rdbuf();
-    contents = std::move(buffer).str();
-    return !file.bad();
+    struct stat status {};
+    bool ok = ::fstat(fd, &status) == 0 && S_ISREG(status.st_mode);
+    contents.clear();
+    if (ok) {
+        // Sized by fstat, grown if the file grows meanwhile.
+        contents.resize(static_cast<std::size_t>(status.st_size) + 1);
+        std::size_t used = 0;
+        for (;;) {
+            if (used == contents.size()) {
+                contents.resize(contents.size() * 2);
+            }
+            const ssize_t got = ::read(fd, &contents[used], contents.size() - used);
+            if (got < 0 && errno == EINTR) {
+                continue;
+            }
+            if (got <= 0) {
+                ok = got == 0;
+                break;
+            }
+            used += static_cast<std::size_t>(got);
+        }
+        contents.resize(used);
+    }
+    ::close(fd);
+    return ok;
 }
 
 void appendSerialized(std::string& out, const LogEntry& entry, char separator) {
@@ -184,33 +206,38 @@ void Logger::purge() {
         return;
     }
     // Lines as std::getline sees them: split at each newline, a last line without a newline
-    // counts, and a newline at the very end starts no further line.
-    std::vector<std::pair<std::size_t, std::size_t>> lines; // offset, length without newline
-    for (std::size_t pos = 0; pos < contents.size();) {
-        std::size_t end = contents.find('\n', pos);
-        if (end == std::string::npos) {
-            end = contents.size();
-        }
-        lines.emplace_back(pos, end - pos);
-        pos = end + 1;
-    }
-
-    // Walk back from the newest line; the line whose length carries the total past _minSize is
+    // counts, and a newline at the very end starts no further line. Walk back from the newest
+    // line, adding lengths without newlines; the line that carries the total past _minSize is
     // the oldest one kept. The last line is always kept, also when nothing crosses the limit.
-    std::size_t firstLineToKeep = lines.size() - 1;
-    std::uint64_t totalSize = lines.back().second;
-    for (std::size_t i = firstLineToKeep; i-- > 0;) {
-        totalSize += lines[i].second;
-        if (totalSize > _minSize) {
-            firstLineToKeep = i;
+    const char* const data = contents.data();
+    std::size_t lineEnd = contents.size();
+    if (data[lineEnd - 1] == '\n') {
+        --lineEnd;
+    }
+    std::size_t firstLineToKeep = 0; // offset of the oldest line kept
+    std::uint64_t totalSize = 0;
+    for (bool lastLine = true;; lastLine = false) {
+        const char* newline =
+            lineEnd == 0 ? nullptr : static_cast<const char*>(::memrchr(data, '\n', lineEnd));
+        const std::size_t lineStart =
+            newline == nullptr ? 0 : static_cast<std::size_t>(newline - data) + 1;
+        totalSize += lineEnd - lineStart;
+        if (lastLine || totalSize > _minSize) {
+            firstLineToKeep = lineStart;
+        }
+        if ((!lastLine && totalSize > _minSize) || newline == nullptr) {
             break;
         }
+        lineEnd = lineStart - 1;
     }
-    std::string kept = contents.substr(lines[firstLineToKeep].first);
-    if (kept.back() != '\n') {
-        kept.push_back('\n');
+    // Whole lines, each ended by a newline.
+    if (contents.back() != '\n') {
+        contents.push_back('\n');
     }
-    writeFile(_logfilePath, kept, false);
+    writeFile(
+        _logfilePath,
+        std::string_view(contents.data() + firstLineToKeep, contents.size() - firstLineToKeep),
+        false);
     info("Purging log file. Final log file size=" + std::to_string(getLogFileSize()) + " bytes.");
 }
 
