@@ -6,13 +6,21 @@
 // a script instead of a detector and tracker. Each frame prints where everyone is, whether they
 // have dwelt long enough, and what crossed the door; a summary follows.
 //
-// Options: --frame-ms N (pause between frames, default 100), --fast (10 ms frames, for smoke runs).
+// Like an application, it keeps a log file (its own lines and the library's, through useLogger)
+// and writes archive records: every ten frames one line per area with the people in it, one for
+// the door's entries and exits, and one with the people in view. At the end it reads the crowd
+// archive back and prints its summary columns.
+//
+// Options: --frame-ms N (pause between frames, default 100), --fast (10 ms frames, for smoke runs),
+// --out DIR (directory of the log file and the archives, default <temp>/stemlib-scene-demo).
 #include "Stemlib.h"
 
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <map>
 #include <sstream>
 #include <string>
@@ -106,6 +114,38 @@ const char* activityName(EntranceActivity activity) {
     }
 }
 
+// Frames between two sets of archive records.
+constexpr int kArchiveEveryFrames = 10;
+
+// Appends one record's line to an archive file of the application.
+void appendRecord(const std::string& path, const ArchiveRecord& record) {
+    std::ofstream archive(path, std::ios::app);
+    archive << record.serialize() << '\n';
+}
+
+// Reads an archive of crowd counts back and adds up its summary columns.
+std::map<std::string, int> summarizeCrowdArchive(const std::string& path, int& lines) {
+    std::map<std::string, int> columns;
+    std::ifstream archive(path);
+    std::string line;
+    lines = 0;
+    while (std::getline(archive, line)) {
+        CrowdCountRecord record;
+        try {
+            if (!record.deserialize(line)) {
+                continue;
+            }
+        } catch (const std::exception&) {
+            continue; // a damaged line: not a number where a count belongs
+        }
+        ++lines;
+        for (const SummaryEntry& entry : record.getSummaryEntries()) {
+            columns[entry._name] += entry._count;
+        }
+    }
+    return columns;
+}
+
 struct Summary {
     int framesAt[4] = {0, 0, 0, 0}; // by AOILocation: areas 0 to 2, then the exterior
     bool dwelt[3] = {false, false, false};
@@ -117,16 +157,38 @@ struct Summary {
 
 int main(int argc, char** argv) {
     int frameMs = 100;
+    std::filesystem::path outDir = std::filesystem::temp_directory_path() / "stemlib-scene-demo";
     for (int i = 1; i < argc; ++i) {
         if (std::strcmp(argv[i], "--fast") == 0) {
             frameMs = 10;
         } else if (std::strcmp(argv[i], "--frame-ms") == 0 && i + 1 < argc) {
             frameMs = std::atoi(argv[++i]);
+        } else if (std::strcmp(argv[i], "--out") == 0 && i + 1 < argc) {
+            outDir = argv[++i];
         } else {
-            std::fprintf(stderr, "usage: %s [--fast] [--frame-ms N]\n", argv[0]);
+            std::fprintf(stderr, "usage: %s [--fast] [--frame-ms N] [--out DIR]\n", argv[0]);
             return 2;
         }
     }
+
+    std::error_code error;
+    std::filesystem::create_directories(outDir, error);
+    if (error) {
+        std::fprintf(stderr, "cannot create %s: %s\n", outDir.c_str(), error.message().c_str());
+        return 1;
+    }
+    const std::string logPath = (outDir / "scene_demo.log").string();
+    const std::string crowdPath = (outDir / "crowd.csv").string();
+    const std::string entrancePath = (outDir / "entrance.csv").string();
+    const std::string occupancyPath = (outDir / "occupancy.csv").string();
+    // Each run starts its archives afresh; the log file keeps growing between its size limits.
+    for (const std::string& path : {crowdPath, entrancePath, occupancyPath}) {
+        std::filesystem::remove(path, error);
+    }
+
+    // From here on the library's lines land in this file, with the prefix "STEMLIB::".
+    Logger logger("scene_demo", logPath);
+    useLogger(logger);
 
     std::printf("Stemlib %s scene demonstration, analysis resolution %s, %d ms per frame\n",
                 getStemlibVersion().c_str(), kAnalysis.toString().c_str(), frameMs);
@@ -160,6 +222,9 @@ int main(int argc, char** argv) {
 
     std::map<int, Summary> summaries;
     std::map<int, bool> present;
+    std::map<int, AOILocation> lastArea; // of each person in view, for the crowd records
+    int entriesInSlot = 0;
+    int exitsInSlot = 0;
     const auto start = std::chrono::steady_clock::now();
     for (int frame = 0; frame <= lastFrame + 1; ++frame) {
         const double seconds =
@@ -174,7 +239,10 @@ int main(int argc, char** argv) {
                     areas.remove(person.findingID);
                     door.remove(person.findingID);
                     present[person.findingID] = false;
+                    lastArea.erase(person.findingID);
                     std::printf("  %-12s gone\n", person.name);
+                    g_stemlibLogger.bareInfo("frame " + std::to_string(frame) + ": " + person.name +
+                                             " left the view");
                 }
                 continue;
             }
@@ -182,6 +250,10 @@ int main(int argc, char** argv) {
             const FRectangle box(feet.x - 25.0f, feet.y - 150.0f, 50.0f, 150.0f);
             const ExclusionLocation excluded = exclusions.getLocation(box);
             if (excluded != ExclusionLocation::Exterior) {
+                if (summary.excludedFrames == 0) {
+                    g_stemlibLogger.bareInfo("frame " + std::to_string(frame) + ": " + person.name +
+                                             " ignored in " + toString(excluded));
+                }
                 ++summary.excludedFrames;
                 std::printf("  %-12s box in %s: ignored\n", person.name,
                             toString(excluded).c_str());
@@ -192,12 +264,22 @@ int main(int argc, char** argv) {
             const auto index = static_cast<std::size_t>(where.location);
             const bool lengthily = where.duration == AOIDuration::Lengthily;
             ++summary.framesAt[index];
+            lastArea[person.findingID] = where.location;
             if (index < 3) {
+                if (lengthily && !summary.dwelt[index]) {
+                    g_stemlibLogger.bareWarning("frame " + std::to_string(frame) + ": " +
+                                                person.name + " dwelt at the " +
+                                                areaName(where.location));
+                }
                 summary.dwelt[index] |= lengthily;
             }
             if (crossing.activity != EntranceActivity::None) {
                 summary.doorEvents.push_back(std::string(activityName(crossing.activity)) +
                                              " at frame " + std::to_string(frame));
+                g_stemlibLogger.bareInfo("frame " + std::to_string(frame) + ": " + person.name +
+                                         " " + activityName(crossing.activity));
+                (crossing.activity == EntranceActivity::EnterEntrance0 ? entriesInSlot
+                                                                       : exitsInSlot)++;
             }
             std::printf("  %-12s at (%3.0f, %3.0f)  %-12s %-9s %s\n", person.name, feet.x, feet.y,
                         areaName(where.location),
@@ -205,6 +287,28 @@ int main(int argc, char** argv) {
                         : lengthily                             ? "lengthily"
                                                                 : "briefly",
                         activityName(crossing.activity));
+        }
+        if (frame % kArchiveEveryFrames == kArchiveEveryFrames - 1 || frame == lastFrame + 1) {
+            // One set of archive records for the slot that ends with this frame.
+            int inArea[NAOI] = {0, 0, 0};
+            for (const auto& [findingID, location] : lastArea) {
+                const auto area = static_cast<std::size_t>(location);
+                if (area < static_cast<std::size_t>(NAOI)) {
+                    ++inArea[area];
+                }
+            }
+            const std::string stamp = ArchiveRecord::getCurrentDateTime();
+            for (int area = 0; area < 2; ++area) {
+                appendRecord(crowdPath, CrowdCountRecord(stamp, static_cast<AOILocation>(area),
+                                                         Objects::Person, inArea[area]));
+            }
+            appendRecord(entrancePath,
+                         EntranceActivityRecord(stamp, EntranceLocation::Entrance0, Objects::Person,
+                                                entriesInSlot, exitsInSlot));
+            appendRecord(occupancyPath, OccupancyObjectRecord(stamp, Objects::Person,
+                                                              static_cast<int>(lastArea.size())));
+            entriesInSlot = 0;
+            exitsInSlot = 0;
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(frameMs));
     }
@@ -222,5 +326,17 @@ int main(int argc, char** argv) {
             std::printf("    %s\n", event.c_str());
         }
     }
+
+    int crowdLines = 0;
+    const std::map<std::string, int> columns = summarizeCrowdArchive(crowdPath, crowdLines);
+    std::printf("\narchive %s: %d records read back\n", crowdPath.c_str(), crowdLines);
+    for (const auto& [name, total] : columns) {
+        std::printf("  %-12s %3d (sum of the records)\n", name.c_str(), total);
+    }
+    std::printf("archives %s, %s\n", entrancePath.c_str(), occupancyPath.c_str());
+
+    logger.flush();
+    std::printf("log file %s now holds %zu entries\n", logPath.c_str(),
+                logger.getLogEntries().size());
     return 0;
 }
