@@ -1,6 +1,5 @@
-// The application base and the versioned configuration file: head lines, older and newer data,
+// The versioned configuration file: head lines, older and newer data,
 // initialize, load, save, update, the language, and bad text.
-#include "Application.h"
 #include "Config.h"
 #include "Localization.h"
 #include "RecordingLogger.h"
@@ -68,28 +67,6 @@ protected:
 };
 
 } // namespace
-
-TEST(ApplicationBase, HoldsNameAndPathAndTheLifeCycleFlags) {
-    class App : public ApplicationBase {
-    public:
-        using ApplicationBase::ApplicationBase;
-        void run() override { _isRunning = true; }
-    };
-    App app("care", "/tmp/care.conf");
-    EXPECT_EQ(app.getAppName(), "care");
-    EXPECT_EQ(app.getConfigFilePath(), "/tmp/care.conf");
-    EXPECT_FALSE(app.isInitialized());
-    EXPECT_FALSE(app.isRunning());
-    EXPECT_TRUE(app._canRunAnalysis());
-    EXPECT_TRUE(app.initialize());
-    EXPECT_TRUE(app.isInitialized());
-    app.run();
-    EXPECT_TRUE(app.isRunning());
-
-    ApplicationBase plain("x", "y");
-    plain.run(); // does nothing
-    EXPECT_FALSE(plain.isRunning());
-}
 
 TEST_F(ConfigTest, FirstStartWritesTheDefaultsAndALaterStartReadsThem) {
     DoorConfig first(path);

@@ -23,15 +23,6 @@ using StemlibTest::writeWholeFile;
 
 namespace {
 
-// Opens the protected helpers for the tests.
-class TestLogger : public Logger {
-public:
-    using Logger::getLogLines;
-    using Logger::incrementNextPurgeDate;
-    using Logger::Logger;
-    using Logger::timeToString;
-};
-
 std::vector<std::string> splitLines(const std::string& text) {
     std::vector<std::string> lines;
     std::istringstream stream(text);
@@ -250,28 +241,6 @@ TEST(Logger, AFileThatCannotBeOpenedLosesEntriesSilently) {
         logger.clear();
         EXPECT_TRUE(capture.records().empty()) << "the logger reports nothing of its own";
     }
-}
-
-TEST(Logger, ProtectedHelpersFormatLocalTimeAndAdvanceThePurgeDate) {
-    ScratchDirectory dir;
-    TestLogger logger("app", dir.file("app.log"));
-    const std::time_t first = logger.incrementNextPurgeDate();
-    EXPECT_EQ(logger.incrementNextPurgeDate(), first + 86400);
-    const std::time_t now = std::time(nullptr);
-    EXPECT_GE(first, now + 86400) << "construction already advanced it once";
-    EXPECT_LE(first, now + 2 * 86400);
-
-    std::tm local{};
-    const std::time_t when = 1709999142;
-    localtime_r(&when, &local);
-    char expected[80];
-    std::strftime(expected, sizeof(expected), "%Y-%m-%d %H:%M:%S", &local);
-    EXPECT_EQ(logger.timeToString(when), expected);
-
-    logger.warning("a");
-    const LogLines lines = logger.getLogLines();
-    ASSERT_EQ(lines.size(), 2u);
-    EXPECT_EQ(lines[1].substr(19), "|app|warning|a");
 }
 
 TEST(SysloggingLogger, SendsEachLineToSyslogAsDataAndToTheFile) {
