@@ -48,15 +48,28 @@ bool writeAll(int fd, const char* data, std::size_t size) {
     return true;
 }
 
-// Writes data to path, either appended or replacing the file's contents. Failures are silent:
-// the logger reports nothing of its own.
-void writeFile(const std::string& path, std::string_view data, bool append) {
-    const int flags = O_WRONLY | O_CREAT | O_CLOEXEC | (append ? O_APPEND : O_TRUNC);
-    const int fd = ::open(path.c_str(), flags, 0666);
+// Appends data to path, creating the file. Failures are silent: the logger reports nothing of
+// its own.
+void appendToFile(const std::string& path, std::string_view data) {
+    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666);
     if (fd < 0) {
         return;
     }
     writeAll(fd, data.data(), data.size());
+    ::close(fd);
+}
+
+// Makes data the whole content of path. The data is written over the start of the file and the
+// rest cut off afterwards, rather than truncating first: that reuses the file's blocks and keeps
+// file systems from flushing a file that was just truncated to zero.
+void replaceFile(const std::string& path, std::string_view data) {
+    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0666);
+    if (fd < 0) {
+        return;
+    }
+    writeAll(fd, data.data(), data.size());
+    while (::ftruncate(fd, static_cast<off_t>(data.size())) != 0 && errno == EINTR) {
+    }
     ::close(fd);
 }
 
@@ -188,7 +201,7 @@ void Logger::flushLocked() {
         }
         // Entries are dropped even when the file cannot be written: nothing waits forever.
         _logEntries.clear();
-        writeFile(_logfilePath, batch, true);
+        appendToFile(_logfilePath, batch);
     }
     purge();
 }
@@ -234,17 +247,15 @@ void Logger::purge() {
     if (contents.back() != '\n') {
         contents.push_back('\n');
     }
-    writeFile(
-        _logfilePath,
-        std::string_view(contents.data() + firstLineToKeep, contents.size() - firstLineToKeep),
-        false);
+    replaceFile(_logfilePath, std::string_view(contents.data() + firstLineToKeep,
+                                               contents.size() - firstLineToKeep));
     info("Purging log file. Final log file size=" + std::to_string(getLogFileSize()) + " bytes.");
 }
 
 void Logger::clear() {
     std::lock_guard<std::recursive_mutex> lock(_mutex);
     _logEntries.clear();
-    writeFile(_logfilePath, std::string(), false);
+    replaceFile(_logfilePath, std::string_view());
 }
 
 std::string Logger::getSerializedLogContents() {
