@@ -24,3 +24,4 @@
 #include "Polygons.h"
 #include "Tasks.h"
 #include "VideoStreamSource.h"
+#include "imgconverter.h"
