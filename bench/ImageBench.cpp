@@ -1,6 +1,7 @@
 // Image acquisition: colour conversion and resampling against OpenCV doing the same job on the
 // same input. Compare the figures of one run side by side.
 #include "ImageBufferFrameSource.h"
+#include "PanoImageFrameSource.h"
 #include "imgconverter.h"
 
 #include <benchmark/benchmark.h>
@@ -134,6 +135,44 @@ void BM_ResizeTo_OpenCVNearest(benchmark::State& state) {
     }
 }
 
+// Four quarters of a 1920 by 1080 frame into a 2 by 2 mosaic of 481 by 353.
+void BM_LoadImagePatches_Stemlib(benchmark::State& state) {
+    std::vector<uint8_t> pixels(static_cast<std::size_t>(kSrcW) * kSrcH * 3);
+    for (std::size_t i = 0; i < pixels.size(); ++i) {
+        pixels[i] = static_cast<uint8_t>(i * 31);
+    }
+    ImageBufferFrameSource source(Resolution(kSrcW, kSrcH), pixels.data());
+    PanoImageFrameSource mosaic(Resolution(kDstW, kDstH));
+    mosaic.setGridResolution(Resolution(2, 2));
+    const IRectangles quarters = {IRectangle(0, 0, 960, 540), IRectangle(960, 0, 960, 540),
+                                  IRectangle(0, 540, 960, 540), IRectangle(960, 540, 960, 540)};
+    for (auto _ : state) {
+        mosaic.loadImagePatches(source, quarters);
+        benchmark::DoNotOptimize(mosaic.getImageData());
+    }
+}
+
+// OpenCV doing the same job: blacken the mosaic, then a nearest-sample resize of each quarter
+// into the centred part of its cell.
+void BM_LoadImagePatches_OpenCVNearest(benchmark::State& state) {
+    cv::Mat source(kSrcH, kSrcW, CV_8UC3);
+    cv::randu(source, 0, 255);
+    cv::Mat mosaic(kDstH, kDstW, CV_8UC3);
+    const cv::Rect quarters[] = {cv::Rect(0, 0, 960, 540), cv::Rect(960, 0, 960, 540),
+                                 cv::Rect(0, 540, 960, 540), cv::Rect(960, 540, 960, 540)};
+    // 960 by 540 into 240 by 176 fills the width: 240 by 135, 20 rows down.
+    const cv::Rect cells[] = {cv::Rect(0, 20, 240, 135), cv::Rect(240, 20, 240, 135),
+                              cv::Rect(0, 196, 240, 135), cv::Rect(240, 196, 240, 135)};
+    for (auto _ : state) {
+        mosaic.setTo(cv::Scalar::all(0));
+        for (int i = 0; i < 4; ++i) {
+            cv::Mat cell = mosaic(cells[i]);
+            cv::resize(source(quarters[i]), cell, cell.size(), 0, 0, cv::INTER_NEAREST);
+        }
+        benchmark::DoNotOptimize(mosaic.data);
+    }
+}
+
 } // namespace
 
 BENCHMARK(BM_CropScale_Stemlib)->Unit(benchmark::kMicrosecond);
@@ -144,3 +183,5 @@ BENCHMARK(BM_NV12ToRGB_OpenCV)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_NV12ToRGB_OpenCV_1Thread)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_ResizeTo_Stemlib)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_ResizeTo_OpenCVNearest)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_LoadImagePatches_Stemlib)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_LoadImagePatches_OpenCVNearest)->Unit(benchmark::kMicrosecond);

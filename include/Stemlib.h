@@ -24,6 +24,7 @@
 #include "Logger.h"
 #include "LoggerWrapper.h"
 #include "MemoryMappedFile.h"
+#include "PanoImageFrameSource.h"
 #include "Points.h"
 #include "Polygons.h"
 #include "PoseBase.h"
