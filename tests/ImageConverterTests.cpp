@@ -163,6 +163,8 @@ TEST(ImageConverter, CropScaleMatchesTheWholeFrameRoadOfTheCamera) {
         {1920, 1080, 640, 300, 0, 90, 1920, 899},
         {64, 48, 50, 48, 7, 0, 50, 48},
         {64, 48, 100, 37, 0, 12, 64, 23},
+        {64, 48, 50, 29, 0, 5, 64, 37}, // odd row offset, scaled down
+        {64, 48, 30, 32, 9, 0, 45, 48}, // odd column offset, scaled down
     };
     for (const Case& c : cases) {
         const std::vector<uint8_t> nv12 = makeBusyNV12(c.srcW, c.srcH);
