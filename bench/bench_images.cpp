@@ -125,7 +125,7 @@ void BM_ResizeTo_Stemlib(benchmark::State& state) {
     }
 }
 
-void BM_ResizeTo_OpenCVNearest(benchmark::State& state) {
+void resizeOpenCVNearest(benchmark::State& state) {
     cv::Mat source(kSrcH, kSrcW, CV_8UC3);
     cv::randu(source, 0, 255);
     cv::Mat out(kDstH, kDstW, CV_8UC3);
@@ -133,6 +133,17 @@ void BM_ResizeTo_OpenCVNearest(benchmark::State& state) {
         cv::resize(source, out, out.size(), 0, 0, cv::INTER_NEAREST);
         benchmark::DoNotOptimize(out.data);
     }
+}
+
+void BM_ResizeTo_OpenCVNearest(benchmark::State& state) {
+    resizeOpenCVNearest(state);
+}
+
+void BM_ResizeTo_OpenCVNearest_1Thread(benchmark::State& state) {
+    const int threads = cv::getNumThreads();
+    cv::setNumThreads(1);
+    resizeOpenCVNearest(state);
+    cv::setNumThreads(threads);
 }
 
 // Four quarters of a 1920 by 1080 frame into a 2 by 2 mosaic of 481 by 353.
@@ -183,5 +194,6 @@ BENCHMARK(BM_NV12ToRGB_OpenCV)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_NV12ToRGB_OpenCV_1Thread)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_ResizeTo_Stemlib)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_ResizeTo_OpenCVNearest)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_ResizeTo_OpenCVNearest_1Thread)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_LoadImagePatches_Stemlib)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_LoadImagePatches_OpenCVNearest)->Unit(benchmark::kMicrosecond);

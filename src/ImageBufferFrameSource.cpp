@@ -202,7 +202,15 @@ void ImageBufferFrameSource::resizeTo(const Resolution& requestedResolution, int
         const std::size_t rowStart = sourceWidth * srcY;
         if (useTable && (rowStart + lastX) * kPixelBytes + 2 < capacity) {
             const uint8_t* sourceRow = _imageBuffer + rowStart * kPixelBytes;
-            for (unsigned int c = 0; c < outWidth; ++c, dest += kPixelBytes) {
+            unsigned int c = 0;
+            // Four bytes a pixel where both sides have a byte to spare: the fourth lands on the
+            // next output pixel, which is written right after.
+            if ((rowStart + lastX) * kPixelBytes + 3 < capacity) {
+                for (; c + 1 < outWidth; ++c, dest += kPixelBytes) {
+                    std::memcpy(dest, sourceRow + columnOffsets[c], 4);
+                }
+            }
+            for (; c < outWidth; ++c, dest += kPixelBytes) {
                 const uint8_t* source = sourceRow + columnOffsets[c];
                 dest[0] = source[0];
                 dest[1] = source[1];

@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <cstdint>
+#include <cstring>
 
 namespace Ombrel {
 
@@ -179,7 +180,18 @@ bool PanoImageFrameSource::resizePatchPreserveAspectRatio(const uint8_t* pSource
             kPixelBytes * (destRow + static_cast<std::size_t>(XO + WO - 1)) + 2 < destBytes) {
             const uint8_t* sourceRow = pSourcePixels + kPixelBytes * srcRow;
             uint8_t* dest = pDestPixels + kPixelBytes * (destRow + static_cast<std::size_t>(XO));
-            for (int i = 0; i < WO; ++i, dest += kPixelBytes) {
+            int i = 0;
+            // Four bytes a pixel where the source has a byte to spare: the fourth lands on the
+            // next pixel of the row, which is written right after.
+            if (kPixelBytes * (srcRow + static_cast<std::size_t>(sourceColumns[WO - 1])) + 3 <
+                sourceBytes) {
+                for (; i + 1 < WO; ++i, dest += kPixelBytes) {
+                    std::memcpy(
+                        dest, sourceRow + kPixelBytes * static_cast<std::size_t>(sourceColumns[i]),
+                        4);
+                }
+            }
+            for (; i < WO; ++i, dest += kPixelBytes) {
                 const uint8_t* source =
                     sourceRow + kPixelBytes * static_cast<std::size_t>(sourceColumns[i]);
                 dest[0] = source[0];

@@ -145,6 +145,19 @@ TEST(ImageBufferFrameSource, GetFrameCopiesOrResamplesNearestFromTopLeft) {
     EXPECT_EQ(sourceOf(stretched.data(), 8, 0, 1).second, 1);
     EXPECT_EQ(sourceOf(stretched.data(), 8, 0, 2).second, 2);
     EXPECT_EQ(pixelAt(stretched.data(), 8, 7, 2), pixelAt(image.data(), 4, 3, 2));
+
+    // Upscaling up to the image's last pixel: 3 by 2 to 7 by 5 takes (c * 3 / 7, r * 2 / 5).
+    const std::vector<uint8_t> small = makeCoordinateImage(3, 2);
+    ImageBufferFrameSource smallSource(Resolution(3, 2), small.data());
+    std::vector<uint8_t> large(7 * 5 * 3);
+    EXPECT_TRUE(smallSource.getFrame(Resolution(7, 5), 0, large.data()));
+    for (unsigned int r = 0; r < 5; ++r) {
+        for (unsigned int c = 0; c < 7; ++c) {
+            EXPECT_EQ(pixelAt(large.data(), 7, c, r),
+                      pixelAt(small.data(), 3, c * 3 / 7, r * 2 / 5))
+                << c << "," << r;
+        }
+    }
 }
 
 TEST(ImageBufferFrameSource, GetFrameFailuresAreLoggedAndFalse) {

@@ -57,6 +57,14 @@ TEST(PanoImageFrameSource, OnePatchIsCentredWithBlackMargins) {
             }
         }
     }
+    // A patch in the source's far corner reads its very last pixel.
+    mosaic.loadImagePatches(source, {IRectangle(32, 26, 8, 4)});
+    EXPECT_EQ(shownAt(mosaic, 7, 5), std::make_pair(39, 29));
+    EXPECT_EQ(shownAt(mosaic, 6, 5), std::make_pair(38, 29));
+    EXPECT_EQ(shownAt(mosaic, 0, 2), std::make_pair(32, 26));
+    EXPECT_TRUE(isBlack(mosaic, 7, 6));
+    mosaic.loadImagePatches(source, {IRectangle(10, 5, 16, 8)});
+
     // The mosaic is an ordinary frame source.
     std::vector<uint8_t> frame(8 * 8 * 3);
     EXPECT_TRUE(mosaic.getFrame(Resolution(8, 8), 0, frame.data()));
