@@ -1,7 +1,10 @@
 #include "HostCamera.h"
 
+#include "FrameGenerator.h"
+
 #include "stemlib-host.h"
 
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -62,7 +65,9 @@ struct State {
     std::mutex mutex;
     bool initialised = false;
     std::shared_ptr<const CameraDescription> camera;
-    std::map<std::string, Failure> failures;
+    // Transparent comparison: looking up a call by its C name allocates nothing, so a stand-in
+    // that checks for failures on every frame stays allocation-free.
+    std::map<std::string, Failure, std::less<>> failures;
 };
 
 State& state() {
@@ -196,8 +201,12 @@ CameraDescription loadCameraDescriptionFile(const std::string& path) {
     }
     std::ostringstream text;
     text << file.rdbuf();
-    const std::size_t slash = path.rfind('/');
-    const std::string directory = slash == std::string::npos ? "." : path.substr(0, slash);
+    // Relative file names in values are taken from the description's own folder, made absolute
+    // so that a later change of the working directory does not matter.
+    char absolute[PATH_MAX];
+    const std::string fullPath = realpath(path.c_str(), absolute) != nullptr ? absolute : path;
+    const std::size_t slash = fullPath.rfind('/');
+    const std::string directory = slash == std::string::npos ? "." : fullPath.substr(0, slash);
     return parseCameraDescription(text.str(), path, directory.empty() ? "/" : directory);
 }
 
@@ -270,8 +279,11 @@ extern "C" int stemlib_host_load_camera(const char* path, char** error) {
         if (path == nullptr) {
             setCamera(std::make_shared<const CameraDescription>(parseCameraDescription(
                 defaultCameraDescriptionText(), "built-in default camera", std::string())));
+            unsetenv("STEMLIB_HOST_CAMERA");
         } else {
             setCamera(std::make_shared<const CameraDescription>(loadCameraDescriptionFile(path)));
+            char absolute[PATH_MAX];
+            setenv("STEMLIB_HOST_CAMERA", realpath(path, absolute) != nullptr ? absolute : path, 1);
         }
         return 0;
     } catch (const std::exception& e) {
@@ -308,4 +320,24 @@ extern "C" void stemlib_host_clear_failures(void) {
     std::lock_guard<std::mutex> lock(s.mutex);
     initialiseLocked(s);
     s.failures.clear();
+}
+
+extern "C" int stemlib_host_render_generator_frame(unsigned int width, unsigned int height,
+                                                   unsigned int rotation,
+                                                   unsigned long long sequence, unsigned char* nv12,
+                                                   size_t size) {
+    using namespace stemlib_host;
+    if (nv12 == nullptr) {
+        return -1;
+    }
+    try {
+        const FrameGenerator generator(width, height, rotation);
+        if (size < generator.frameSize()) {
+            return -1;
+        }
+        generator.render(sequence, nv12);
+        return 0;
+    } catch (const std::exception&) {
+        return -1;
+    }
 }

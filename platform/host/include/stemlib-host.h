@@ -6,9 +6,11 @@
  * Failures can also be requested with the environment variable STEMLIB_HOST_FAIL, read at the
  * same moment: "call=message;call2=message2".
  *
- * All functions are thread-safe. */
+ * All functions are thread-safe, apart from the environment update of stemlib_host_load_camera. */
 #ifndef STEMLIB_HOST_H
 #define STEMLIB_HOST_H
+
+#include <stddef.h>
 
 #ifdef __cplusplus
 extern "C" {
@@ -16,7 +18,10 @@ extern "C" {
 
 /* Loads the camera description at path, or the built-in default camera when path is NULL, in
  * place of the current one. Returns 0 on success; on failure returns -1, keeps the current
- * camera and, when error is not NULL, stores a message that the caller releases with free(). */
+ * camera and, when error is not NULL, stores a message that the caller releases with free().
+ * On success it also sets STEMLIB_HOST_CAMERA to the file's absolute path (or unsets it), so that
+ * child processes such as the host busctl see the same camera; like setenv, that part must not
+ * race with other threads reading the environment. */
 int stemlib_host_load_camera(const char* path, char** error);
 
 /* Makes every later call of the named function (for example "vdo_stream_get_buffer") fail with
@@ -28,6 +33,14 @@ void stemlib_host_set_failure_after(const char* call, unsigned int skip, const c
 
 /* Stops every requested failure, also those of the description file and STEMLIB_HOST_FAIL. */
 void stemlib_host_clear_failures(void);
+
+/* Draws frame number `sequence` of the built-in generator, exactly as a stream with these
+ * settings delivers it: NV12 of width by height (both even) turned clockwise by rotation (0, 90,
+ * 180 or 270), so that tests can predict a stream's pixels. nv12 holds size bytes, at least
+ * width * height * 3 / 2. Returns 0, or -1 for invalid arguments. */
+int stemlib_host_render_generator_frame(unsigned int width, unsigned int height,
+                                        unsigned int rotation, unsigned long long sequence,
+                                        unsigned char* nv12, size_t size);
 
 #ifdef __cplusplus
 }

@@ -1,0 +1,307 @@
+#include "FrameGenerator.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <stdexcept>
+
+namespace stemlib_host {
+
+namespace {
+
+// Rounds down to an even number, at least 2: every size and position of the scene is even, so
+// that each shape covers whole 2 by 2 chroma blocks.
+int evenAtLeast2(std::int64_t value) {
+    return static_cast<int>(std::max<std::int64_t>(2, value & ~std::int64_t{1}));
+}
+
+int evenDown(std::int64_t value) {
+    return static_cast<int>(std::max<std::int64_t>(0, value & ~std::int64_t{1}));
+}
+
+// Triangle wave: n * speed folded into 0..limit..0.
+std::int64_t triangle(std::uint64_t n, std::int64_t speed, std::int64_t limit) {
+    if (limit <= 0) {
+        return 0;
+    }
+    const std::uint64_t period = static_cast<std::uint64_t>(2 * limit);
+    const std::uint64_t phase =
+        ((n % period) * (static_cast<std::uint64_t>(speed) % period)) % period;
+    const std::int64_t p = static_cast<std::int64_t>(phase);
+    return p <= limit ? p : 2 * limit - p;
+}
+
+// Largest m with m * m <= value, for value >= 0.
+std::int64_t isqrt(std::int64_t value) {
+    std::int64_t root = static_cast<std::int64_t>(std::sqrt(static_cast<double>(value)));
+    while (root * root > value) {
+        --root;
+    }
+    while ((root + 1) * (root + 1) <= value) {
+        ++root;
+    }
+    return root;
+}
+
+// Seven-segment rectangles of a digit, in units of the stroke, from the digit's top-left.
+struct Segment {
+    int x0;
+    int y0;
+    int x1;
+    int y1;
+};
+constexpr Segment kSegments[7] = {
+    {0, 0, 4, 1}, // a: top
+    {3, 0, 4, 4}, // b: upper right
+    {3, 3, 4, 7}, // c: lower right
+    {0, 6, 4, 7}, // d: bottom
+    {0, 3, 1, 7}, // e: lower left
+    {0, 0, 1, 4}, // f: upper left
+    {0, 3, 4, 4}, // g: middle
+};
+// Bit i lights segment i (a to g).
+constexpr unsigned char kDigitSegments[10] = {0x3F, 0x06, 0x5B, 0x4F, 0x66,
+                                              0x6D, 0x7D, 0x07, 0x7F, 0x6F};
+constexpr int kDigits = 8;
+
+} // namespace
+
+FrameGenerator::FrameGenerator(std::uint32_t width, std::uint32_t height, std::uint32_t rotation)
+    : _width(width), _height(height), _rotation(rotation) {
+    if (width < 2 || height < 2 || width > 65534 || height > 65534 || width % 2 != 0 ||
+        height % 2 != 0) {
+        throw std::invalid_argument("the generator needs an even width and height from 2 to 65534");
+    }
+    if (rotation != 0 && rotation != 90 && rotation != 180 && rotation != 270) {
+        throw std::invalid_argument("rotation must be 0, 90, 180 or 270");
+    }
+    const bool sideways = rotation == 90 || rotation == 270;
+    _outWidth = sideways ? height : width;
+    _outHeight = sideways ? width : height;
+    const std::size_t lumaSize = std::size_t{_outWidth} * _outHeight;
+    _background.resize(lumaSize + lumaSize / 2);
+
+    const std::int64_t w = width;
+    const std::int64_t h = height;
+    const std::int64_t cell = evenAtLeast2(std::min(w, h) / 9);
+    // Maps a pixel of the delivered picture back to the picture before rotation.
+    auto toSensor = [&](std::int64_t ox, std::int64_t oy, std::int64_t& x, std::int64_t& y) {
+        switch (rotation) {
+        case 90:
+            x = oy;
+            y = h - 1 - ox;
+            break;
+        case 180:
+            x = w - 1 - ox;
+            y = h - 1 - oy;
+            break;
+        case 270:
+            x = w - 1 - oy;
+            y = ox;
+            break;
+        default:
+            x = ox;
+            y = oy;
+            break;
+        }
+    };
+    std::uint8_t* luma = _background.data();
+    for (std::int64_t oy = 0; oy < _outHeight; ++oy) {
+        for (std::int64_t ox = 0; ox < _outWidth; ++ox) {
+            std::int64_t x = 0;
+            std::int64_t y = 0;
+            toSensor(ox, oy, x, y);
+            const std::int64_t check = ((x / cell + y / cell) & 1) != 0 ? 32 : 0;
+            luma[oy * _outWidth + ox] = static_cast<std::uint8_t>(40 + 96 * x / w + check);
+        }
+    }
+    std::uint8_t* chroma = _background.data() + lumaSize;
+    for (std::int64_t by = 0; by < _outHeight / 2; ++by) {
+        for (std::int64_t bx = 0; bx < _outWidth / 2; ++bx) {
+            std::int64_t x = 0;
+            std::int64_t y = 0;
+            toSensor(2 * bx, 2 * by, x, y);
+            // The sensor block holding that pixel, by its top-left corner.
+            x &= ~std::int64_t{1};
+            y &= ~std::int64_t{1};
+            chroma[by * _outWidth + 2 * bx] = static_cast<std::uint8_t>(104 + 48 * y / h);
+            chroma[by * _outWidth + 2 * bx + 1] = static_cast<std::uint8_t>(152 - 48 * x / w);
+        }
+    }
+}
+
+FrameGenerator::Rect FrameGenerator::toOutput(const Rect& r) const {
+    const int w = static_cast<int>(_width);
+    const int h = static_cast<int>(_height);
+    switch (_rotation) {
+    case 90:
+        return Rect{h - r.y1, r.x0, h - r.y0, r.x1};
+    case 180:
+        return Rect{w - r.x1, h - r.y1, w - r.x0, h - r.y0};
+    case 270:
+        return Rect{r.y0, w - r.x1, r.y1, w - r.x0};
+    default:
+        return r;
+    }
+}
+
+FrameGenerator::Rect FrameGenerator::clip(const Rect& r) const {
+    Rect c;
+    c.x0 = std::clamp(r.x0, 0, static_cast<int>(_outWidth));
+    c.x1 = std::clamp(r.x1, c.x0, static_cast<int>(_outWidth));
+    c.y0 = std::clamp(r.y0, 0, static_cast<int>(_outHeight));
+    c.y1 = std::clamp(r.y1, c.y0, static_cast<int>(_outHeight));
+    return c;
+}
+
+void FrameGenerator::restore(std::uint8_t* nv12, const Rect& r) const {
+    const std::size_t stride = _outWidth;
+    const std::size_t lumaSize = stride * _outHeight;
+    const std::size_t length = static_cast<std::size_t>(r.x1 - r.x0);
+    if (length == 0) {
+        return;
+    }
+    for (int y = r.y0; y < r.y1; ++y) {
+        const std::size_t offset = static_cast<std::size_t>(y) * stride + r.x0;
+        std::memcpy(nv12 + offset, _background.data() + offset, length);
+    }
+    for (int by = r.y0 / 2; by < r.y1 / 2; ++by) {
+        const std::size_t offset = lumaSize + static_cast<std::size_t>(by) * stride + r.x0;
+        std::memcpy(nv12 + offset, _background.data() + offset, length);
+    }
+}
+
+void FrameGenerator::fillRect(std::uint8_t* nv12, const Rect& r, Colour colour) const {
+    const std::size_t stride = _outWidth;
+    const std::size_t lumaSize = stride * _outHeight;
+    const std::size_t length = static_cast<std::size_t>(r.x1 - r.x0);
+    if (length == 0) {
+        return;
+    }
+    for (int y = r.y0; y < r.y1; ++y) {
+        std::memset(nv12 + static_cast<std::size_t>(y) * stride + r.x0, colour.y, length);
+    }
+    for (int by = r.y0 / 2; by < r.y1 / 2; ++by) {
+        std::uint8_t* row = nv12 + lumaSize + static_cast<std::size_t>(by) * stride;
+        for (int x = r.x0; x < r.x1; x += 2) {
+            row[x] = colour.u;
+            row[x + 1] = colour.v;
+        }
+    }
+}
+
+// The disc holds the pixels whose centres lie within radius of (cx, cy), a pixel corner with even
+// coordinates, and the chroma blocks whose centres do. Rotation maps centres onto centres, so the
+// same rule drawn in output coordinates gives the turned disc exactly.
+void FrameGenerator::fillDisc(std::uint8_t* nv12, int cx, int cy, int radius, Colour colour) const {
+    const std::int64_t stride = _outWidth;
+    const std::int64_t lumaSize = stride * _outHeight;
+    const std::int64_t w = _outWidth;
+    const std::int64_t h = _outHeight;
+    const std::int64_t r2 = std::int64_t{radius} * radius;
+    // Pixel rows: |2x + 1 - 2cx| <= m with m = floor(sqrt(4r^2 - (2y + 1 - 2cy)^2)).
+    for (std::int64_t y = std::max<std::int64_t>(0, cy - radius);
+         y < std::min<std::int64_t>(h, cy + radius); ++y) {
+        const std::int64_t d = 2 * y + 1 - 2 * cy;
+        const std::int64_t rest = 4 * r2 - d * d;
+        if (rest < 0) {
+            continue;
+        }
+        const std::int64_t m = isqrt(rest);
+        const std::int64_t x0 = std::max<std::int64_t>(0, cx - (m + 1) / 2);
+        const std::int64_t x1 = std::min<std::int64_t>(w, cx + (m + 1) / 2);
+        if (x1 > x0) {
+            std::memset(nv12 + y * stride + x0, colour.y, static_cast<std::size_t>(x1 - x0));
+        }
+    }
+    // Chroma blocks: centre (2bx + 1, 2by + 1), so |2bx + 1 - cx| <= m with cx even.
+    for (std::int64_t by = std::max<std::int64_t>(0, (cy - radius) / 2);
+         by < std::min<std::int64_t>(h / 2, (cy + radius) / 2); ++by) {
+        const std::int64_t d = 2 * by + 1 - cy;
+        const std::int64_t rest = r2 - d * d;
+        if (rest < 0) {
+            continue;
+        }
+        const std::int64_t m = isqrt(rest);
+        const std::int64_t half = cx / 2;
+        const std::int64_t bx0 = std::max<std::int64_t>(0, half - (m + 1) / 2);
+        const std::int64_t bx1 = std::min<std::int64_t>(w / 2, half + (m + 1) / 2);
+        std::uint8_t* row = nv12 + lumaSize + by * stride;
+        for (std::int64_t bx = bx0; bx < bx1; ++bx) {
+            row[2 * bx] = colour.u;
+            row[2 * bx + 1] = colour.v;
+        }
+    }
+}
+
+void FrameGenerator::render(std::uint64_t sequence, std::uint8_t* nv12) const {
+    Damage damage;
+    update(sequence, nv12, damage);
+}
+
+void FrameGenerator::update(std::uint64_t sequence, std::uint8_t* nv12, Damage& damage) const {
+    if (damage.valid) {
+        for (std::size_t i = 0; i < damage.count; ++i) {
+            restore(nv12, damage.rects[i]);
+        }
+    } else {
+        std::memcpy(nv12, _background.data(), _background.size());
+    }
+    damage.valid = true;
+    damage.count = 0;
+
+    const std::int64_t w = _width;
+    const std::int64_t h = _height;
+    const std::int64_t s = std::min(w, h);
+    const std::uint64_t n = sequence;
+
+    // Bar, blue, moving up and down near the right.
+    const int barWidth = evenAtLeast2(s / 24);
+    const int barHeight = evenAtLeast2(s / 4);
+    const int barX = std::min(evenDown(3 * w / 4), evenDown(w - barWidth));
+    const int barY = evenDown(triangle(n, evenAtLeast2(s / 90), h - barHeight));
+    const Rect bar = clip(toOutput(Rect{barX, barY, barX + barWidth, barY + barHeight}));
+    fillRect(nv12, bar, Colour{41, 240, 110});
+    damage.rects[damage.count++] = bar;
+
+    // Disc, green, bouncing across the picture.
+    const int radius = evenAtLeast2(s / 10);
+    const int cx = radius + evenDown(triangle(n, evenAtLeast2(s / 70), w - 2 * radius));
+    const int cy = radius + evenDown(triangle(n, evenAtLeast2(s / 110), h - 2 * radius));
+    const Rect discBox = toOutput(Rect{cx - radius, cy - radius, cx + radius, cy + radius});
+    fillDisc(nv12, (discBox.x0 + discBox.x1) / 2, (discBox.y0 + discBox.y1) / 2, radius,
+             Colour{145, 54, 34});
+    damage.rects[damage.count++] = clip(discBox);
+
+    // Square, red, sliding left and right in the upper part.
+    const int side = evenAtLeast2(s / 6);
+    const int squareX = evenDown(triangle(n, evenAtLeast2(s / 60), w - side));
+    const int squareY = std::min(evenDown(h / 5), evenDown(h - side));
+    const Rect square = clip(toOutput(Rect{squareX, squareY, squareX + side, squareY + side}));
+    fillRect(nv12, square, Colour{82, 90, 240});
+    damage.rects[damage.count++] = square;
+
+    // Frame counter, white digits in a black box at the top-left.
+    const int t = evenAtLeast2(s / 120);
+    const Rect box = clip(toOutput(Rect{t, t, t + (1 + 5 * kDigits) * t, t + 9 * t}));
+    fillRect(nv12, box, Colour{16, 128, 128});
+    damage.rects[damage.count++] = box;
+    std::uint64_t value = n % 100000000ULL;
+    for (int digit = kDigits - 1; digit >= 0; --digit) {
+        const unsigned char lit = kDigitSegments[value % 10];
+        value /= 10;
+        const int originX = t + t + 5 * t * digit;
+        const int originY = t + t;
+        for (int segment = 0; segment < 7; ++segment) {
+            if ((lit & (1U << segment)) == 0) {
+                continue;
+            }
+            const Segment& g = kSegments[segment];
+            const Rect stroke{originX + g.x0 * t, originY + g.y0 * t, originX + g.x1 * t,
+                              originY + g.y1 * t};
+            fillRect(nv12, clip(toOutput(stroke)), Colour{235, 128, 128});
+        }
+    }
+}
+
+} // namespace stemlib_host

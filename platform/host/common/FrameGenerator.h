@@ -1,0 +1,84 @@
+// The built-in generator of the host camera: a deterministic moving scene in NV12.
+//
+// The scene is drawn on the picture before rotation, "width" by "height" pixels (both even), and
+// then turned clockwise by "rotation" degrees, as a camera mounted that way would deliver it.
+// Every pixel is a pure function of the sequence number, so tests can predict frames; see the
+// README ("The camera on a PC") for the layout. With S the smaller side, even(v) rounding down to
+// an even number at least 2, and tri(t, L) the triangle wave 0..L..0 of period 2L:
+//
+//   background  Y = 40 + 96 * x / W, plus 32 on every other square cell of side even(S / 9);
+//               U = 104 + 48 * y / H and V = 152 - 48 * x / W, at the 2 by 2 block's top-left
+//   bar         blue, even(S / 24) by even(S / 4), x = even(3 W / 4), y = tri(n even(S / 90))
+//   disc        green, radius even(S / 10), centre moving on tri(n even(S / 70)) and
+//               tri(n even(S / 110))
+//   square      red, side even(S / 6), x = tri(n even(S / 60)), y = even(H / 5)
+//   counter     the sequence number modulo 10^8 in eight seven-segment digits, white on black,
+//               in a box of 41 t by 9 t at (t, t), t = even(S / 120)
+//
+// A stream renders a frame into each buffer of its ring once and afterwards only redraws what
+// moved since that buffer's previous frame, so that a frame costs a small fraction of its bytes.
+// Immutable after construction; one generator may serve several threads.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+namespace stemlib_host {
+
+class FrameGenerator {
+public:
+    // Half-open pixel rectangle [x0, x1) x [y0, y1).
+    struct Rect {
+        int x0 = 0;
+        int y0 = 0;
+        int x1 = 0;
+        int y1 = 0;
+    };
+
+    // What a buffer holds beyond the background: the rectangles drawn for its last frame.
+    struct Damage {
+        bool valid = false;
+        std::size_t count = 0;
+        std::array<Rect, 4> rects{};
+    };
+
+    // width and height even, from 2 to 65534; rotation 0, 90, 180 or 270. Throws
+    // std::invalid_argument otherwise.
+    FrameGenerator(std::uint32_t width, std::uint32_t height, std::uint32_t rotation);
+
+    // Size of the delivered picture: width by height turned by rotation.
+    std::uint32_t outputWidth() const { return _outWidth; }
+    std::uint32_t outputHeight() const { return _outHeight; }
+    // outputWidth * outputHeight * 3 / 2.
+    std::size_t frameSize() const { return _background.size(); }
+
+    // Draws frame `sequence` whole into nv12 (frameSize bytes).
+    void render(std::uint64_t sequence, std::uint8_t* nv12) const;
+    // Turns nv12, which holds what damage records (or anything, when damage is not valid), into
+    // frame `sequence`, and records what it drew.
+    void update(std::uint64_t sequence, std::uint8_t* nv12, Damage& damage) const;
+
+private:
+    struct Colour {
+        std::uint8_t y;
+        std::uint8_t u;
+        std::uint8_t v;
+    };
+
+    Rect toOutput(const Rect& sensorRect) const;
+    Rect clip(const Rect& rect) const;
+    void restore(std::uint8_t* nv12, const Rect& rect) const;
+    void fillRect(std::uint8_t* nv12, const Rect& rect, Colour colour) const;
+    void fillDisc(std::uint8_t* nv12, int cx, int cy, int radius, Colour colour) const;
+
+    std::uint32_t _width;
+    std::uint32_t _height;
+    std::uint32_t _rotation;
+    std::uint32_t _outWidth;
+    std::uint32_t _outHeight;
+    std::vector<std::uint8_t> _background;
+};
+
+} // namespace stemlib_host

@@ -1,0 +1,66 @@
+// Shared internals of the host video service: errors, fault injection, the camera's channels,
+// and the C++ side of a VdoFrame.
+#pragma once
+
+#include "FrameGenerator.h"
+#include "HostCamera.h"
+
+#include <vdo-buffer.h>
+#include <vdo-error.h>
+#include <vdo-stream.h>
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace stemlib_host {
+
+inline void setVdoError(GError** error, int code, const std::string& message) {
+    g_set_error_literal(error, VDO_ERROR, code, message.c_str());
+}
+
+// True, with error set to VDO_ERROR_FAILED and the requested message, when call is made to fail.
+inline bool injectedVdoFailure(const char* call, GError** error) {
+    if (std::optional<std::string> message = takeFailure(call)) {
+        setVdoError(error, VDO_ERROR_FAILED, *message);
+        return true;
+    }
+    return false;
+}
+
+struct ChannelResolution {
+    std::uint32_t width;
+    std::uint32_t height;
+};
+
+// The numbers of the camera's channels ("channels"), in order. False, with code and problem set,
+// when the list is missing, empty or not numbers.
+bool cameraChannels(const CameraDescription& camera, std::vector<unsigned int>& channels, int& code,
+                    std::string& problem);
+// The resolutions of one channel ("channel.<n>.resolutions"), largest area first, without
+// duplicates. False, with code and problem set, when they are missing or unreadable.
+bool channelResolutions(const CameraDescription& camera, unsigned int channel,
+                        std::vector<ChannelResolution>& resolutions, int& code,
+                        std::string& problem);
+
+// The C++ side of a VdoFrame of a stream's ring.
+struct FrameSlot {
+    std::vector<std::uint8_t> data;
+    gsize size = 0;
+    guint64 sequence = 0;
+    guint64 timestamp = 0;
+    guint id = 0;
+    // The stream whose ring holds the frame; compared only, never dereferenced.
+    const void* owner = nullptr;
+    // Set while the application holds the frame; cleared when its reference is dropped.
+    std::atomic<bool> inUse{false};
+    FrameGenerator::Damage damage;
+    VdoBufferFinalizer finalizer = nullptr;
+};
+
+// A new frame of capacity bytes with one reference; fin may be NULL.
+VdoFrame* newRingFrame(gsize capacity, guint id, const void* owner, VdoBufferFinalizer fin);
+FrameSlot& frameSlot(VdoFrame* frame);
+
+} // namespace stemlib_host

@@ -1,0 +1,438 @@
+// VdoStream: a stream of NV12 frames from the simulated camera, through a ring of buffers.
+#include "VdoInternal.h"
+#include "VideoInput.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <condition_variable>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <mutex>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr guint32 kDefaultBufferCount = 3;
+constexpr guint32 kMaxBufferCount = 32;
+constexpr double kMaxFramerate = 1000.0;
+
+struct StreamSettings {
+    guint32 channel = 0;
+    guint32 width = 0;
+    guint32 height = 0;
+    guint32 rotation = 0;
+    double framerate = 0.0;
+    guint32 bufferCount = kDefaultBufferCount;
+    bool crop = true;
+
+    guint32 outWidth() const { return rotation == 90 || rotation == 270 ? height : width; }
+    guint32 outHeight() const { return rotation == 90 || rotation == 270 ? width : height; }
+    gsize frameSize() const { return gsize{width} * height + gsize{width} * height / 2; }
+};
+
+struct StreamImpl {
+    StreamSettings settings;
+    std::unique_ptr<stemlib_host::VideoInput> input;
+    std::vector<VdoFrame*> ring;
+
+    std::mutex mutex;
+    std::condition_variable wake;
+    bool running = false;
+    // Sequence numbering: frames since the last start are due at startTime + k / framerate,
+    // k counted from startSequence.
+    Clock::time_point startTime;
+    std::uint64_t startSequence = 0;
+    std::uint64_t nextSequence = 0;
+};
+
+// Buffers that the application still held when their stream went away. They stay valid for
+// their holder, as the service keeps them, and are released once given back.
+std::mutex g_orphanMutex;
+GPtrArray* g_orphans = nullptr;
+
+void onToggle(gpointer, GObject* object, gboolean isLastRef) {
+    if (isLastRef) {
+        stemlib_host::frameSlot(VDO_FRAME(object)).inUse.store(false);
+    }
+}
+
+// Called with g_orphanMutex held: releases the orphans given back since the last sweep.
+void sweepOrphansLocked() {
+    if (g_orphans == nullptr) {
+        return;
+    }
+    for (guint i = g_orphans->len; i > 0; --i) {
+        GObject* frame = G_OBJECT(g_ptr_array_index(g_orphans, i - 1));
+        if (!stemlib_host::frameSlot(VDO_FRAME(frame)).inUse.load()) {
+            g_ptr_array_remove_index_fast(g_orphans, i - 1);
+            g_object_remove_toggle_ref(frame, onToggle, nullptr);
+        }
+    }
+}
+
+bool readSettings(VdoMap* map, const stemlib_host::CameraDescription& camera,
+                  StreamSettings& settings, int& code, std::string& problem) {
+    using namespace stemlib_host;
+    std::vector<unsigned int> channels;
+    if (!cameraChannels(camera, channels, code, problem)) {
+        return false;
+    }
+    settings.channel = vdo_map_get_uint32(map, "channel", channels.front());
+    if (std::find(channels.begin(), channels.end(), settings.channel) == channels.end()) {
+        code = VDO_ERROR_NOT_FOUND;
+        problem = "channel " + std::to_string(settings.channel) + " does not exist";
+        return false;
+    }
+    const guint32 format = vdo_map_get_uint32(map, "format", VDO_FORMAT_YUV);
+    if (format != VDO_FORMAT_YUV) {
+        code = VDO_ERROR_NOT_SUPPORTED;
+        problem = "format " + std::to_string(format) +
+                  " is not supported by the host camera, only VDO_FORMAT_YUV (3)";
+        return false;
+    }
+    std::vector<ChannelResolution> resolutions;
+    if (!channelResolutions(camera, settings.channel, resolutions, code, problem)) {
+        return false;
+    }
+    settings.width = resolutions.front().width;
+    settings.height = resolutions.front().height;
+    if (const gchar* text = vdo_map_get_string(map, "resolution", nullptr, nullptr)) {
+        if (!parseSize(text, settings.width, settings.height)) {
+            code = VDO_ERROR_INVALID_ARGUMENT;
+            problem = std::string("resolution \"") + text + "\" is not a size like 1920x1080";
+            return false;
+        }
+    }
+    const bool hasWidth = vdo_map_contains(map, "width");
+    if (hasWidth != static_cast<bool>(vdo_map_contains(map, "height"))) {
+        code = VDO_ERROR_INVALID_ARGUMENT;
+        problem = "width and height must be given together";
+        return false;
+    }
+    if (hasWidth) {
+        settings.width = vdo_map_get_uint32(map, "width", 0);
+        settings.height = vdo_map_get_uint32(map, "height", 0);
+    }
+    if (settings.width < 2 || settings.height < 2 || settings.width % 2 != 0 ||
+        settings.height % 2 != 0) {
+        code = VDO_ERROR_INVALID_ARGUMENT;
+        problem = "width and height must be even and at least 2, not " +
+                  std::to_string(settings.width) + "x" + std::to_string(settings.height);
+        return false;
+    }
+    guint32 maxWidth = 0;
+    guint32 maxHeight = 0;
+    for (const ChannelResolution& r : resolutions) {
+        maxWidth = std::max(maxWidth, r.width);
+        maxHeight = std::max(maxHeight, r.height);
+    }
+    const bool fits = (settings.width <= maxWidth && settings.height <= maxHeight) ||
+                      (settings.width <= maxHeight && settings.height <= maxWidth);
+    if (!fits) {
+        code = VDO_ERROR_INVALID_ARGUMENT;
+        problem = std::to_string(settings.width) + "x" + std::to_string(settings.height) +
+                  " exceeds the largest resolution of channel " + std::to_string(settings.channel) +
+                  ", " + std::to_string(maxWidth) + "x" + std::to_string(maxHeight);
+        return false;
+    }
+
+    guint32 cameraRotation = 0;
+    const std::string rotationText = camera.getOr("root.Image.I0.Appearance.Rotation", "0");
+    cameraRotation = static_cast<guint32>(std::strtoul(rotationText.c_str(), nullptr, 10));
+    settings.rotation = vdo_map_get_uint32(map, "rotation", cameraRotation);
+    if (settings.rotation != 0 && settings.rotation != 90 && settings.rotation != 180 &&
+        settings.rotation != 270) {
+        code = VDO_ERROR_INVALID_ARGUMENT;
+        problem = "rotation must be 0, 90, 180 or 270, not " + std::to_string(settings.rotation);
+        return false;
+    }
+
+    const std::string rateText = camera.getOr("video.framerate", "0");
+    char* end = nullptr;
+    const double cameraRate = std::strtod(rateText.c_str(), &end);
+    if (end == rateText.c_str() || *end != '\0') {
+        code = VDO_ERROR_FAILED;
+        problem = camera.origin + ": video.framerate: \"" + rateText + "\" is not a number";
+        return false;
+    }
+    settings.framerate = vdo_map_get_double(map, "framerate", cameraRate);
+    if (!(settings.framerate >= 0.0 && settings.framerate <= kMaxFramerate)) {
+        code = VDO_ERROR_INVALID_ARGUMENT;
+        problem = "framerate must be from 0 to 1000, not " + std::to_string(settings.framerate);
+        return false;
+    }
+
+    settings.bufferCount = vdo_map_get_uint32(map, "buffer.count", kDefaultBufferCount);
+    if (settings.bufferCount < 1 || settings.bufferCount > kMaxBufferCount) {
+        code = VDO_ERROR_INVALID_ARGUMENT;
+        problem = "buffer.count must be from 1 to 32, not " + std::to_string(settings.bufferCount);
+        return false;
+    }
+
+    const std::string fit = vdo_map_get_string(map, "image.fit", nullptr, "crop");
+    if (fit != "crop" && fit != "scale") {
+        code = VDO_ERROR_INVALID_ARGUMENT;
+        problem = "image.fit must be \"crop\" or \"scale\", not \"" + fit + "\"";
+        return false;
+    }
+    settings.crop = fit == "crop";
+    return true;
+}
+
+} // namespace
+
+struct _VdoStream {
+    GObject parent_instance;
+    StreamImpl* impl;
+};
+
+G_DEFINE_FINAL_TYPE(VdoStream, vdo_stream, G_TYPE_OBJECT)
+
+static void vdo_stream_finalize(GObject* object) {
+    VdoStream* self = VDO_STREAM(object);
+    std::unique_ptr<StreamImpl> impl(self->impl);
+    self->impl = nullptr;
+    {
+        std::lock_guard<std::mutex> lock(g_orphanMutex);
+        sweepOrphansLocked();
+        for (VdoFrame* frame : impl->ring) {
+            if (stemlib_host::frameSlot(frame).inUse.load()) {
+                if (g_orphans == nullptr) {
+                    g_orphans = g_ptr_array_new();
+                }
+                g_ptr_array_add(g_orphans, frame);
+            } else {
+                g_object_remove_toggle_ref(G_OBJECT(frame), onToggle, nullptr);
+            }
+        }
+    }
+    impl.reset();
+    G_OBJECT_CLASS(vdo_stream_parent_class)->finalize(object);
+}
+
+static void vdo_stream_class_init(VdoStreamClass* klass) {
+    G_OBJECT_CLASS(klass)->finalize = vdo_stream_finalize;
+}
+
+static void vdo_stream_init(VdoStream* self) {
+    self->impl = std::make_unique<StreamImpl>().release();
+}
+
+VdoStream* vdo_stream_new(VdoMap* settings, VdoBufferFinalizer fin, GError** error) {
+    using namespace stemlib_host;
+    if (settings != nullptr && !VDO_IS_MAP(settings)) {
+        setVdoError(error, VDO_ERROR_INVALID_ARGUMENT, "settings is not a VdoMap");
+        return nullptr;
+    }
+    if (injectedVdoFailure("vdo_stream_new", error)) {
+        return nullptr;
+    }
+    const std::shared_ptr<const CameraDescription> description = camera();
+    StreamSettings parsed;
+    int code = 0;
+    std::string problem;
+    if (!readSettings(settings, *description, parsed, code, problem)) {
+        setVdoError(error, code, problem);
+        return nullptr;
+    }
+    std::unique_ptr<VideoInput> input;
+    try {
+        InputLayout layout;
+        layout.width = parsed.width;
+        layout.height = parsed.height;
+        layout.rotation = parsed.rotation;
+        layout.crop = parsed.crop;
+        input = makeVideoInput(description->getOr("video.input", "generator"),
+                               description->directory, layout);
+    } catch (const std::exception& e) {
+        setVdoError(error, VDO_ERROR_NO_VIDEO, e.what());
+        return nullptr;
+    }
+
+    VdoStream* stream = VDO_STREAM(g_object_new(VDO_TYPE_STREAM, nullptr));
+    StreamImpl& impl = *stream->impl;
+    impl.settings = parsed;
+    impl.input = std::move(input);
+    for (guint i = 0; i < parsed.bufferCount; ++i) {
+        VdoFrame* frame = newRingFrame(parsed.frameSize(), i, &impl, fin);
+        // The ring keeps a toggle reference, so that it learns when the application lets go.
+        g_object_add_toggle_ref(G_OBJECT(frame), onToggle, nullptr);
+        g_object_unref(frame);
+        impl.ring.push_back(frame);
+    }
+    return stream;
+}
+
+gboolean vdo_stream_attach(VdoStream* self, VdoMap* intent, GError** error) {
+    using namespace stemlib_host;
+    if (!VDO_IS_STREAM(self) || (intent != nullptr && !VDO_IS_MAP(intent))) {
+        setVdoError(error, VDO_ERROR_INVALID_ARGUMENT, "not a stream or not a VdoMap");
+        return FALSE;
+    }
+    return injectedVdoFailure("vdo_stream_attach", error) ? FALSE : TRUE;
+}
+
+VdoMap* vdo_stream_get_settings(VdoStream* self, GError** error) {
+    using namespace stemlib_host;
+    if (!VDO_IS_STREAM(self)) {
+        setVdoError(error, VDO_ERROR_INVALID_ARGUMENT, "not a stream");
+        return nullptr;
+    }
+    if (injectedVdoFailure("vdo_stream_get_settings", error)) {
+        return nullptr;
+    }
+    const StreamSettings& s = self->impl->settings;
+    VdoMap* map = vdo_map_new();
+    vdo_map_set_uint32(map, "channel", s.channel);
+    vdo_map_set_uint32(map, "format", VDO_FORMAT_YUV);
+    vdo_map_set_uint32(map, "width", s.width);
+    vdo_map_set_uint32(map, "height", s.height);
+    vdo_map_set_uint32(map, "rotation", s.rotation);
+    vdo_map_set_double(map, "framerate", s.framerate);
+    vdo_map_set_uint32(map, "buffer.count", s.bufferCount);
+    vdo_map_set_string(map, "image.fit", s.crop ? "crop" : "scale");
+    return map;
+}
+
+VdoMap* vdo_stream_get_info(VdoStream* self, GError** error) {
+    using namespace stemlib_host;
+    if (!VDO_IS_STREAM(self)) {
+        setVdoError(error, VDO_ERROR_INVALID_ARGUMENT, "not a stream");
+        return nullptr;
+    }
+    if (injectedVdoFailure("vdo_stream_get_info", error)) {
+        return nullptr;
+    }
+    const StreamSettings& s = self->impl->settings;
+    VdoMap* map = vdo_map_new();
+    vdo_map_set_uint32(map, "format", VDO_FORMAT_YUV);
+    vdo_map_set_uint32(map, "width", s.outWidth());
+    vdo_map_set_uint32(map, "height", s.outHeight());
+    vdo_map_set_uint32(map, "pitch", s.outWidth());
+    vdo_map_set_uint32(map, "rotation", s.rotation);
+    vdo_map_set_double(map, "framerate", s.framerate);
+    vdo_map_set_uint32(map, "buffer.count", s.bufferCount);
+    return map;
+}
+
+gboolean vdo_stream_start(VdoStream* self, GError** error) {
+    using namespace stemlib_host;
+    if (!VDO_IS_STREAM(self)) {
+        setVdoError(error, VDO_ERROR_INVALID_ARGUMENT, "not a stream");
+        return FALSE;
+    }
+    if (injectedVdoFailure("vdo_stream_start", error)) {
+        return FALSE;
+    }
+    StreamImpl& impl = *self->impl;
+    std::lock_guard<std::mutex> lock(impl.mutex);
+    if (!impl.running) {
+        impl.running = true;
+        impl.startTime = Clock::now();
+        impl.startSequence = impl.nextSequence;
+    }
+    return TRUE;
+}
+
+void vdo_stream_stop(VdoStream* self) {
+    g_return_if_fail(VDO_IS_STREAM(self));
+    StreamImpl& impl = *self->impl;
+    {
+        std::lock_guard<std::mutex> lock(impl.mutex);
+        impl.running = false;
+    }
+    impl.wake.notify_all();
+}
+
+VdoBuffer* vdo_stream_get_buffer(VdoStream* self, GError** error) {
+    using namespace stemlib_host;
+    if (!VDO_IS_STREAM(self)) {
+        setVdoError(error, VDO_ERROR_INVALID_ARGUMENT, "not a stream");
+        return nullptr;
+    }
+    if (injectedVdoFailure("vdo_stream_get_buffer", error)) {
+        return nullptr;
+    }
+    StreamImpl& impl = *self->impl;
+    std::unique_lock<std::mutex> lock(impl.mutex);
+    if (!impl.running) {
+        setVdoError(error, VDO_ERROR_CLOSED, "the stream is not running");
+        return nullptr;
+    }
+    VdoFrame* frame = nullptr;
+    for (VdoFrame* candidate : impl.ring) {
+        bool expected = false;
+        if (frameSlot(candidate).inUse.compare_exchange_strong(expected, true)) {
+            frame = candidate;
+            break;
+        }
+    }
+    if (frame == nullptr) {
+        setVdoError(error, VDO_ERROR_NO_BUFFER_SPACE,
+                    "all " + std::to_string(impl.ring.size()) +
+                        " buffers of the stream are held by the application; give them back "
+                        "with vdo_stream_buffer_unref");
+        return nullptr;
+    }
+    std::uint64_t sequence = impl.nextSequence;
+    const double rate = impl.settings.framerate;
+    if (rate > 0.0) {
+        // The newest frame that is due, or else the next one, waited for. A late caller
+        // skips frames, as on the camera.
+        const double elapsed = std::chrono::duration<double>(Clock::now() - impl.startTime).count();
+        const std::uint64_t due =
+            impl.startSequence + static_cast<std::uint64_t>(std::floor(elapsed * rate));
+        sequence = std::max(sequence, due);
+        const auto dueTime =
+            impl.startTime +
+            std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(
+                static_cast<double>(sequence - impl.startSequence) / rate));
+        const bool stopped = impl.wake.wait_until(lock, dueTime, [&impl] { return !impl.running; });
+        if (stopped) {
+            frameSlot(frame).inUse.store(false);
+            setVdoError(error, VDO_ERROR_CLOSED, "the stream was stopped");
+            return nullptr;
+        }
+    }
+    FrameSlot& slot = frameSlot(frame);
+    std::string problem;
+    if (!impl.input->produce(sequence, slot.data.data(), slot.damage, problem)) {
+        slot.inUse.store(false);
+        setVdoError(error, VDO_ERROR_IO, problem);
+        return nullptr;
+    }
+    impl.nextSequence = sequence + 1;
+    slot.sequence = sequence;
+    slot.size = impl.settings.frameSize();
+    slot.timestamp = static_cast<guint64>(g_get_monotonic_time());
+    // The application's reference; dropping it gives the buffer back to the ring.
+    g_object_ref(frame);
+    return frame;
+}
+
+gboolean vdo_stream_buffer_unref(VdoStream* self, VdoBuffer** buffer, GError** error) {
+    using namespace stemlib_host;
+    if (!VDO_IS_STREAM(self) || buffer == nullptr || !VDO_IS_FRAME(*buffer)) {
+        setVdoError(error, VDO_ERROR_INVALID_ARGUMENT, "not a stream or not a buffer");
+        return FALSE;
+    }
+    FrameSlot& slot = frameSlot(*buffer);
+    if (slot.owner != self->impl) {
+        setVdoError(error, VDO_ERROR_INVALID_ARGUMENT, "the buffer belongs to another stream");
+        return FALSE;
+    }
+    if (!slot.inUse.load()) {
+        setVdoError(error, VDO_ERROR_INVALID_ARGUMENT, "the buffer was given back already");
+        return FALSE;
+    }
+    if (injectedVdoFailure("vdo_stream_buffer_unref", error)) {
+        return FALSE;
+    }
+    VdoBuffer* released = *buffer;
+    *buffer = nullptr;
+    g_object_unref(released);
+    return TRUE;
+}

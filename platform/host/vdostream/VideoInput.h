@@ -1,0 +1,49 @@
+// Where a host stream's frames come from: the built-in generator, a video file decoded with
+// OpenCV, or a folder of images. Each input writes NV12 frames of one fixed layout, the picture
+// fitted to width by height and then turned clockwise by rotation.
+#pragma once
+
+#include "FrameGenerator.h"
+
+#include <opencv2/core.hpp>
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+namespace stemlib_host {
+
+struct InputLayout {
+    std::uint32_t width = 0;  // before rotation
+    std::uint32_t height = 0; // before rotation
+    std::uint32_t rotation = 0;
+    bool crop = true; // "image.fit": crop to the aspect ratio, or else stretch
+};
+
+class VideoInput {
+public:
+    virtual ~VideoInput() = default;
+    // Writes frame `sequence` into nv12 (width * height * 3 / 2 bytes). damage belongs to the
+    // buffer and lets an input redraw only what changed since that buffer's previous frame.
+    // False with problem set when no frame can be made.
+    virtual bool produce(std::uint64_t sequence, std::uint8_t* nv12, FrameGenerator::Damage& damage,
+                         std::string& problem) = 0;
+};
+
+// The input that video.input names: "generator", "file:<path>" or "images:<folder>", relative
+// paths being taken from directory. Throws std::runtime_error with a clear text when the input
+// is unknown or has no frame.
+std::unique_ptr<VideoInput> makeVideoInput(const std::string& spec, const std::string& directory,
+                                           const InputLayout& layout);
+
+// Fits a blue-first 8-bit picture to the layout and writes it as NV12. scratch avoids
+// allocations from frame to frame.
+struct ConversionScratch {
+    cv::Mat fitted;
+    cv::Mat turned;
+    cv::Mat i420;
+};
+void pictureToNv12(const cv::Mat& bgr, const InputLayout& layout, ConversionScratch& scratch,
+                   std::uint8_t* nv12);
+
+} // namespace stemlib_host
