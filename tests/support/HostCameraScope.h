@@ -1,0 +1,49 @@
+// Runs a test on a chosen simulated camera: loads a camera description given as text (or the
+// built-in default camera) with no requested failures, and restores the default camera without
+// failures when the scope ends.
+//
+// The test program also puts the host busctl first on PATH at start-up (see HostCameraScope.cpp),
+// so that library code that runs "busctl" reaches the host optics service.
+#pragma once
+
+#include <string>
+
+namespace StemlibTest {
+
+class HostCameraScope {
+public:
+    // The built-in default camera.
+    HostCameraScope();
+    // A camera described by text, written to a file of its own in a fresh folder (so that
+    // relative paths in it may name files that the test puts beside it).
+    explicit HostCameraScope(const std::string& descriptionText);
+    ~HostCameraScope();
+    HostCameraScope(const HostCameraScope&) = delete;
+    HostCameraScope& operator=(const HostCameraScope&) = delete;
+
+    // The folder of the description file ("" for the default camera).
+    const std::string& folder() const { return _folder; }
+
+    // Writes descriptionText over the description file and loads it in place of the current one.
+    void reload(const std::string& descriptionText);
+
+private:
+    std::string _folder;
+};
+
+// A fresh folder under the system's temporary folder, removed with its files at scope end.
+class TemporaryFolder {
+public:
+    TemporaryFolder();
+    ~TemporaryFolder();
+    TemporaryFolder(const TemporaryFolder&) = delete;
+    TemporaryFolder& operator=(const TemporaryFolder&) = delete;
+
+    const std::string& path() const { return _path; }
+    std::string file(const std::string& name) const { return _path + "/" + name; }
+
+private:
+    std::string _path;
+};
+
+} // namespace StemlibTest
