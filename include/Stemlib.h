@@ -6,6 +6,7 @@
 #include "Application.h"
 #include "ArchiveRecord.h"
 #include "BodyParts.h"
+#include "CameraManager.h"
 #include "CommonStructs.h"
 #include "Config.h"
 #include "ConstantStreamSource.h"
