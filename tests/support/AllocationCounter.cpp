@@ -25,6 +25,22 @@ void* operator new(std::size_t size) {
 void* operator new[](std::size_t size) {
     return countedAllocate(size);
 }
+// The nothrow forms too (std::stable_sort's temporary buffer uses them): every allocation must
+// pair with the replaced delete below.
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+    ++t_allocations;
+    return std::malloc(size == 0 ? 1 : size);
+}
+void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
+    ++t_allocations;
+    return std::malloc(size == 0 ? 1 : size);
+}
+void operator delete(void* memory, const std::nothrow_t&) noexcept {
+    std::free(memory);
+}
+void operator delete[](void* memory, const std::nothrow_t&) noexcept {
+    std::free(memory);
+}
 void operator delete(void* memory) noexcept {
     std::free(memory);
 }
