@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Builds and runs the whole test suite twice (a normal build with warnings as errors, and a build
-# with AddressSanitizer and UndefinedBehaviorSanitizer), checks the formatting, and builds a
-# consumer project against the installed package.
+# with AddressSanitizer and UndefinedBehaviorSanitizer), checks the formatting, builds a consumer
+# project against the installed package, and builds the library for the camera SDK against a
+# sysroot made of the host stand-ins.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 ROOT="$(pwd)"
@@ -29,6 +30,9 @@ mkdir -p build-tests/consumer-pc
 PKG_CONFIG_PATH="$ROOT/build-tests/prefix/lib/pkgconfig" \
     sh -c 'c++ -std=c++17 ci/consumer/main.cpp $(pkg-config --cflags --libs stemlib) -o build-tests/consumer-pc/consumer'
 LD_LIBRARY_PATH="$ROOT/build-tests/prefix/lib" ./build-tests/consumer-pc/consumer
+
+echo "== camera SDK seam (STEMLIB_PLATFORM=sdk against a sysroot of the host stand-ins)"
+./scripts/check-sdk-platform.sh build-tests/sdk
 
 echo "== sanitizer build"
 cmake -S . -B build-tests/asan -DCMAKE_BUILD_TYPE=Debug -DSTEMLIB_WERROR=ON -DSTEMLIB_SANITIZE=ON \
