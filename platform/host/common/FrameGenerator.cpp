@@ -64,6 +64,16 @@ constexpr unsigned char kDigitSegments[10] = {0x3F, 0x06, 0x5B, 0x4F, 0x66,
                                               0x6D, 0x7D, 0x07, 0x7F, 0x6F};
 constexpr int kDigits = 8;
 
+// Writes count U,V pairs from line: 16-bit stores that the compiler can vectorise.
+void fillPairs(std::uint8_t* line, std::size_t count, std::uint8_t u, std::uint8_t v) {
+    const std::uint8_t pair[2] = {u, v};
+    std::uint16_t pattern = 0;
+    std::memcpy(&pattern, pair, sizeof pattern);
+    for (std::size_t i = 0; i < count; ++i) {
+        std::memcpy(line + 2 * i, &pattern, sizeof pattern);
+    }
+}
+
 } // namespace
 
 FrameGenerator::FrameGenerator(std::uint32_t width, std::uint32_t height, std::uint32_t rotation)
@@ -182,55 +192,119 @@ void FrameGenerator::fillRect(std::uint8_t* nv12, const Rect& r, Colour colour) 
         std::memset(nv12 + static_cast<std::size_t>(y) * stride + r.x0, colour.y, length);
     }
     for (int by = r.y0 / 2; by < r.y1 / 2; ++by) {
-        std::uint8_t* row = nv12 + lumaSize + static_cast<std::size_t>(by) * stride;
-        for (int x = r.x0; x < r.x1; x += 2) {
-            row[x] = colour.u;
-            row[x + 1] = colour.v;
-        }
+        fillPairs(nv12 + lumaSize + static_cast<std::size_t>(by) * stride + r.x0, length / 2,
+                  colour.u, colour.v);
     }
 }
 
-// The disc holds the pixels whose centres lie within radius of (cx, cy), a pixel corner with even
-// coordinates, and the chroma blocks whose centres do. Rotation maps centres onto centres, so the
-// same rule drawn in output coordinates gives the turned disc exactly.
-void FrameGenerator::fillDisc(std::uint8_t* nv12, int cx, int cy, int radius, Colour colour) const {
+void FrameGenerator::restoreUncovered(std::uint8_t* nv12, const Rect& oldRect,
+                                      const Rect& newRect) const {
+    const Rect common{std::max(oldRect.x0, newRect.x0), std::max(oldRect.y0, newRect.y0),
+                      std::min(oldRect.x1, newRect.x1), std::min(oldRect.y1, newRect.y1)};
+    if (common.x0 >= common.x1 || common.y0 >= common.y1) {
+        restore(nv12, oldRect);
+        return;
+    }
+    // Above and below the common part across the old width, then left and right of it.
+    restore(nv12, Rect{oldRect.x0, oldRect.y0, oldRect.x1, common.y0});
+    restore(nv12, Rect{oldRect.x0, common.y1, oldRect.x1, oldRect.y1});
+    restore(nv12, Rect{oldRect.x0, common.y0, common.x0, common.y1});
+    restore(nv12, Rect{common.x1, common.y0, oldRect.x1, common.y1});
+}
+
+// The disc holds the pixels whose centres lie within radius of the centre of its box (a pixel
+// corner with even coordinates), and the chroma blocks whose centres do. Rotation maps centres
+// onto centres, so the same rule drawn in output coordinates gives the turned disc exactly. The
+// rest of the box is background.
+void FrameGenerator::fillDisc(std::uint8_t* nv12, const Rect& box, int radius,
+                              Colour colour) const {
     const std::int64_t stride = _outWidth;
     const std::int64_t lumaSize = stride * _outHeight;
-    const std::int64_t w = _outWidth;
-    const std::int64_t h = _outHeight;
+    const std::int64_t cx = (box.x0 + box.x1) / 2;
+    const std::int64_t cy = (box.y0 + box.y1) / 2;
     const std::int64_t r2 = std::int64_t{radius} * radius;
+    const Rect clipped = clip(box);
+    const std::uint8_t* background = _background.data();
+    // Writes [from, to) of a row: background outside [spanFrom, spanTo), fill inside.
+    auto row = [&](std::int64_t offset, std::int64_t from, std::int64_t to, std::int64_t spanFrom,
+                   std::int64_t spanTo, auto fill) {
+        spanFrom = std::clamp(spanFrom, from, to);
+        spanTo = std::clamp(spanTo, spanFrom, to);
+        std::memcpy(nv12 + offset + from, background + offset + from,
+                    static_cast<std::size_t>(spanFrom - from));
+        fill(nv12 + offset, spanFrom, spanTo);
+        std::memcpy(nv12 + offset + spanTo, background + offset + spanTo,
+                    static_cast<std::size_t>(to - spanTo));
+    };
     // Pixel rows: |2x + 1 - 2cx| <= m with m = floor(sqrt(4r^2 - (2y + 1 - 2cy)^2)).
-    for (std::int64_t y = std::max<std::int64_t>(0, cy - radius);
-         y < std::min<std::int64_t>(h, cy + radius); ++y) {
+    for (std::int64_t y = clipped.y0; y < clipped.y1; ++y) {
         const std::int64_t d = 2 * y + 1 - 2 * cy;
         const std::int64_t rest = 4 * r2 - d * d;
-        if (rest < 0) {
-            continue;
-        }
-        const std::int64_t m = isqrt(rest);
-        const std::int64_t x0 = std::max<std::int64_t>(0, cx - (m + 1) / 2);
-        const std::int64_t x1 = std::min<std::int64_t>(w, cx + (m + 1) / 2);
-        if (x1 > x0) {
-            std::memset(nv12 + y * stride + x0, colour.y, static_cast<std::size_t>(x1 - x0));
-        }
+        const std::int64_t half = rest < 0 ? -1 : (isqrt(rest) + 1) / 2;
+        row(y * stride, clipped.x0, clipped.x1, cx - half, cx + half,
+            [&](std::uint8_t* line, std::int64_t from, std::int64_t to) {
+                std::memset(line + from, colour.y, static_cast<std::size_t>(to - from));
+            });
     }
     // Chroma blocks: centre (2bx + 1, 2by + 1), so |2bx + 1 - cx| <= m with cx even.
-    for (std::int64_t by = std::max<std::int64_t>(0, (cy - radius) / 2);
-         by < std::min<std::int64_t>(h / 2, (cy + radius) / 2); ++by) {
+    for (std::int64_t by = clipped.y0 / 2; by < clipped.y1 / 2; ++by) {
         const std::int64_t d = 2 * by + 1 - cy;
         const std::int64_t rest = r2 - d * d;
-        if (rest < 0) {
+        const std::int64_t half = rest < 0 ? -1 : (isqrt(rest) + 1) / 2;
+        row(lumaSize + by * stride, clipped.x0, clipped.x1, 2 * (cx / 2 - half),
+            2 * (cx / 2 + half), [&](std::uint8_t* line, std::int64_t from, std::int64_t to) {
+                fillPairs(line + from, static_cast<std::size_t>(to - from) / 2, colour.u, colour.v);
+            });
+    }
+}
+
+FrameGenerator::Layout FrameGenerator::layout(std::uint64_t n) const {
+    const std::int64_t w = _width;
+    const std::int64_t h = _height;
+    const std::int64_t s = std::min(w, h);
+    Layout layout;
+
+    // Bar, blue, moving up and down near the right.
+    const int barWidth = evenAtLeast2(s / 24);
+    const int barHeight = evenAtLeast2(s / 4);
+    const int barX = std::min(evenDown(3 * w / 4), evenDown(w - barWidth));
+    const int barY = evenDown(triangle(n, evenAtLeast2(s / 90), h - barHeight));
+    layout.bar = clip(toOutput(Rect{barX, barY, barX + barWidth, barY + barHeight}));
+
+    // Disc, green, bouncing across the picture.
+    const int radius = evenAtLeast2(s / 10);
+    const int cx = radius + evenDown(triangle(n, evenAtLeast2(s / 70), w - 2 * radius));
+    const int cy = radius + evenDown(triangle(n, evenAtLeast2(s / 110), h - 2 * radius));
+    layout.discBox = toOutput(Rect{cx - radius, cy - radius, cx + radius, cy + radius});
+    layout.discRadius = radius;
+
+    // Square, red, sliding left and right in the upper part.
+    const int side = evenAtLeast2(s / 6);
+    const int squareX = evenDown(triangle(n, evenAtLeast2(s / 60), w - side));
+    const int squareY = std::min(evenDown(h / 5), evenDown(h - side));
+    layout.square = clip(toOutput(Rect{squareX, squareY, squareX + side, squareY + side}));
+
+    // Frame counter, white digits in a black box at the top-left.
+    const int t = evenAtLeast2(s / 120);
+    layout.box = clip(toOutput(Rect{t, t, t + (1 + 5 * kDigits) * t, t + 9 * t}));
+    return layout;
+}
+
+void FrameGenerator::drawDigit(std::uint8_t* nv12, int position, unsigned digit) const {
+    const int t = evenAtLeast2(std::min<std::int64_t>(_width, _height) / 120);
+    const int originX = t + t + 5 * t * position;
+    const int originY = t + t;
+    fillRect(nv12, clip(toOutput(Rect{originX, originY, originX + 4 * t, originY + 7 * t})),
+             Colour{16, 128, 128});
+    const unsigned char lit = kDigitSegments[digit % 10];
+    for (int segment = 0; segment < 7; ++segment) {
+        if ((lit & (1U << segment)) == 0) {
             continue;
         }
-        const std::int64_t m = isqrt(rest);
-        const std::int64_t half = cx / 2;
-        const std::int64_t bx0 = std::max<std::int64_t>(0, half - (m + 1) / 2);
-        const std::int64_t bx1 = std::min<std::int64_t>(w / 2, half + (m + 1) / 2);
-        std::uint8_t* row = nv12 + lumaSize + by * stride;
-        for (std::int64_t bx = bx0; bx < bx1; ++bx) {
-            row[2 * bx] = colour.u;
-            row[2 * bx + 1] = colour.v;
-        }
+        const Segment& g = kSegments[segment];
+        const Rect stroke{originX + g.x0 * t, originY + g.y0 * t, originX + g.x1 * t,
+                          originY + g.y1 * t};
+        fillRect(nv12, clip(toOutput(stroke)), Colour{235, 128, 128});
     }
 }
 
@@ -240,68 +314,47 @@ void FrameGenerator::render(std::uint64_t sequence, std::uint8_t* nv12) const {
 }
 
 void FrameGenerator::update(std::uint64_t sequence, std::uint8_t* nv12, Damage& damage) const {
+    const Layout now = layout(sequence);
+    const std::array<Rect, 3> shapes{now.bar, clip(now.discBox), now.square};
+    auto meets = [](const Rect& a, const Rect& b) {
+        return std::max(a.x0, b.x0) < std::min(a.x1, b.x1) &&
+               std::max(a.y0, b.y0) < std::min(a.y1, b.y1);
+    };
+    // The counter is drawn over the shapes: when one of them touches its box, now or in the
+    // buffer's previous frame, the whole box is drawn again.
+    bool wholeCounter = !damage.valid;
     if (damage.valid) {
-        for (std::size_t i = 0; i < damage.count; ++i) {
-            restore(nv12, damage.rects[i]);
+        for (std::size_t i = 0; i < shapes.size(); ++i) {
+            restoreUncovered(nv12, damage.shapes[i], shapes[i]);
+            wholeCounter = wholeCounter || meets(damage.shapes[i], now.box);
         }
     } else {
         std::memcpy(nv12, _background.data(), _background.size());
     }
-    damage.valid = true;
-    damage.count = 0;
-
-    const std::int64_t w = _width;
-    const std::int64_t h = _height;
-    const std::int64_t s = std::min(w, h);
-    const std::uint64_t n = sequence;
-
-    // Bar, blue, moving up and down near the right.
-    const int barWidth = evenAtLeast2(s / 24);
-    const int barHeight = evenAtLeast2(s / 4);
-    const int barX = std::min(evenDown(3 * w / 4), evenDown(w - barWidth));
-    const int barY = evenDown(triangle(n, evenAtLeast2(s / 90), h - barHeight));
-    const Rect bar = clip(toOutput(Rect{barX, barY, barX + barWidth, barY + barHeight}));
-    fillRect(nv12, bar, Colour{41, 240, 110});
-    damage.rects[damage.count++] = bar;
-
-    // Disc, green, bouncing across the picture.
-    const int radius = evenAtLeast2(s / 10);
-    const int cx = radius + evenDown(triangle(n, evenAtLeast2(s / 70), w - 2 * radius));
-    const int cy = radius + evenDown(triangle(n, evenAtLeast2(s / 110), h - 2 * radius));
-    const Rect discBox = toOutput(Rect{cx - radius, cy - radius, cx + radius, cy + radius});
-    fillDisc(nv12, (discBox.x0 + discBox.x1) / 2, (discBox.y0 + discBox.y1) / 2, radius,
-             Colour{145, 54, 34});
-    damage.rects[damage.count++] = clip(discBox);
-
-    // Square, red, sliding left and right in the upper part.
-    const int side = evenAtLeast2(s / 6);
-    const int squareX = evenDown(triangle(n, evenAtLeast2(s / 60), w - side));
-    const int squareY = std::min(evenDown(h / 5), evenDown(h - side));
-    const Rect square = clip(toOutput(Rect{squareX, squareY, squareX + side, squareY + side}));
-    fillRect(nv12, square, Colour{82, 90, 240});
-    damage.rects[damage.count++] = square;
-
-    // Frame counter, white digits in a black box at the top-left.
-    const int t = evenAtLeast2(s / 120);
-    const Rect box = clip(toOutput(Rect{t, t, t + (1 + 5 * kDigits) * t, t + 9 * t}));
-    fillRect(nv12, box, Colour{16, 128, 128});
-    damage.rects[damage.count++] = box;
-    std::uint64_t value = n % 100000000ULL;
-    for (int digit = kDigits - 1; digit >= 0; --digit) {
-        const unsigned char lit = kDigitSegments[value % 10];
-        value /= 10;
-        const int originX = t + t + 5 * t * digit;
-        const int originY = t + t;
-        for (int segment = 0; segment < 7; ++segment) {
-            if ((lit & (1U << segment)) == 0) {
-                continue;
-            }
-            const Segment& g = kSegments[segment];
-            const Rect stroke{originX + g.x0 * t, originY + g.y0 * t, originX + g.x1 * t,
-                              originY + g.y1 * t};
-            fillRect(nv12, clip(toOutput(stroke)), Colour{235, 128, 128});
-        }
+    for (const Rect& shape : shapes) {
+        wholeCounter = wholeCounter || meets(shape, now.box);
     }
+
+    fillRect(nv12, now.bar, Colour{41, 240, 110});
+    fillDisc(nv12, now.discBox, now.discRadius, Colour{145, 54, 34});
+    fillRect(nv12, now.square, Colour{82, 90, 240});
+
+    if (wholeCounter) {
+        fillRect(nv12, now.box, Colour{16, 128, 128});
+    }
+    std::uint64_t value = sequence % 100000000ULL;
+    std::uint64_t previous = damage.sequence % 100000000ULL;
+    for (int position = kDigits - 1; position >= 0; --position) {
+        const unsigned digit = static_cast<unsigned>(value % 10);
+        if (wholeCounter || digit != previous % 10) {
+            drawDigit(nv12, position, digit);
+        }
+        value /= 10;
+        previous /= 10;
+    }
+    damage.valid = true;
+    damage.sequence = sequence;
+    damage.shapes = shapes;
 }
 
 } // namespace stemlib_host

@@ -16,7 +16,8 @@
 //               in a box of 41 t by 9 t at (t, t), t = even(S / 120)
 //
 // A stream renders a frame into each buffer of its ring once and afterwards only redraws what
-// moved since that buffer's previous frame, so that a frame costs a small fraction of its bytes.
+// changed since that buffer's previous frame: the uncovered part of each shape's old place, the
+// shapes, and the counter's changed digits. So a frame costs a small fraction of its bytes.
 // Immutable after construction; one generator may serve several threads.
 #pragma once
 
@@ -37,11 +38,12 @@ public:
         int y1 = 0;
     };
 
-    // What a buffer holds beyond the background: the rectangles drawn for its last frame.
+    // What a buffer holds beyond the background: the frame last drawn into it, with the places
+    // of its shapes (bar, disc box, square).
     struct Damage {
         bool valid = false;
-        std::size_t count = 0;
-        std::array<Rect, 4> rects{};
+        std::uint64_t sequence = 0;
+        std::array<Rect, 3> shapes{};
     };
 
     // width and height even, from 2 to 65534; rotation 0, 90, 180 or 270. Throws
@@ -67,11 +69,27 @@ private:
         std::uint8_t v;
     };
 
+    // Where the shapes of frame n lie, in output pixels, clipped to the picture.
+    struct Layout {
+        Rect bar;
+        Rect discBox;
+        int discRadius = 0;
+        Rect square;
+        Rect box; // the counter's
+    };
+    Layout layout(std::uint64_t sequence) const;
+
     Rect toOutput(const Rect& sensorRect) const;
     Rect clip(const Rect& rect) const;
     void restore(std::uint8_t* nv12, const Rect& rect) const;
+    // Restores the part of oldRect outside newRect.
+    void restoreUncovered(std::uint8_t* nv12, const Rect& oldRect, const Rect& newRect) const;
     void fillRect(std::uint8_t* nv12, const Rect& rect, Colour colour) const;
-    void fillDisc(std::uint8_t* nv12, int cx, int cy, int radius, Colour colour) const;
+    // Draws the disc centred in box and restores the rest of box from the background.
+    void fillDisc(std::uint8_t* nv12, const Rect& box, int radius, Colour colour) const;
+    // Draws digit number `position` (0 the leftmost) of the counter showing `digit`, its cell
+    // cleared to the box colour first.
+    void drawDigit(std::uint8_t* nv12, int position, unsigned digit) const;
 
     std::uint32_t _width;
     std::uint32_t _height;
