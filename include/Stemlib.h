@@ -5,6 +5,7 @@
 #include "ActionRecognizer.h"
 #include "Application.h"
 #include "ArchiveRecord.h"
+#include "AxisVideoStreamSource.h"
 #include "BodyParts.h"
 #include "CameraManager.h"
 #include "CommonStructs.h"

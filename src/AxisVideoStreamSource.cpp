@@ -1,0 +1,228 @@
+#include "AxisVideoStreamSource.h"
+
+#include "CameraManager.h"
+#include "imgconverter.h"
+
+#include <vdo-stream.h>
+
+#include <opencv2/imgproc.hpp>
+
+#include <exception>
+#include <sstream>
+#include <stdexcept>
+
+namespace Ombrel {
+
+namespace {
+
+std::string messageOf(const GError* error) {
+    return error != nullptr && error->message != nullptr ? error->message : "unknown error";
+}
+
+} // namespace
+
+AxisVideoStreamSource::AxisVideoStreamSource(const Resolution& resolution)
+    : VideoStreamSource(resolution) {
+    {
+        // The manager lives until the end of the constructor, as in the order of opening.
+        AxisCameraManager cameraManager("Stemlib");
+        _cameraRotation = cameraManager.getCameraRotation();
+
+        g_stemlibLogger.info("AxisVideoStreamSource: AxisVideoStreamSource constructor from "
+                             "resolution called with resolution (W H) = " +
+                             _resolution.toString() + " and rotation " +
+                             std::to_string(_cameraRotation));
+
+        // Failure texts overwrite this one from its first character: whatever of it lies beyond
+        // a shorter text stays as the tail of the logged line and of the exception.
+        std::stringstream errorStream("AxisVideoStreamSource::AxisVideoStreamSource error :",
+                                      std::ios::in | std::ios::out);
+        GError* error = nullptr;
+
+        const bool landscape = resolution.width > resolution.height;
+        VdoMap* settings = vdo_map_new();
+        vdo_map_set_uint32(settings, "channel", 1);
+        vdo_map_set_uint32(settings, "format", VDO_FORMAT_YUV);
+        vdo_map_set_uint32(settings, "width", landscape ? _resolution.width : _resolution.height);
+        vdo_map_set_uint32(settings, "height", landscape ? _resolution.height : _resolution.width);
+        vdo_map_set_uint32(settings, "rotation", static_cast<guint32>(_cameraRotation));
+
+        _vdoStream = vdo_stream_new(settings, nullptr, &error);
+        if (_vdoStream == nullptr) {
+            errorStream << "Failed to create new VDO stream from settings. " << messageOf(error);
+            g_clear_error(&error);
+            g_stemlibLogger.error("AxisVideoStreamSource: " + errorStream.str());
+            throw std::runtime_error(errorStream.str());
+        }
+        g_object_unref(settings);
+
+        if (!vdo_stream_attach(_vdoStream, nullptr, &error)) {
+            errorStream << "Failed to attach VDO stream to stream. " << messageOf(error);
+            g_clear_error(&error);
+            g_stemlibLogger.error("AxisVideoStreamSource: " + errorStream.str());
+            throw std::runtime_error(errorStream.str());
+        }
+
+        if (VdoMap* current = vdo_stream_get_settings(_vdoStream, &error)) {
+            g_stemlibLogger.info(
+                "AxisVideoStreamSource: Starting stream: VDO_FORMAT_YUV, " +
+                std::to_string(vdo_map_get_uint32(current, "width", 0)) + "x" +
+                std::to_string(vdo_map_get_uint32(current, "height", 0)) + ", rotation " +
+                std::to_string(vdo_map_get_uint32(current, "rotation", 0)) + ", " +
+                std::to_string(vdo_map_get_uint32(current, "framerate", 0)) + " fps");
+            g_object_unref(current);
+        } else {
+            // Only logged: the stream can start without its settings being read back.
+            errorStream << "Failed to attach retrieve VDO stream settings. " << messageOf(error);
+            g_clear_error(&error);
+            g_stemlibLogger.error("AxisVideoStreamSource: " + errorStream.str());
+        }
+
+        if (!vdo_stream_start(_vdoStream, &error)) {
+            errorStream << "Failed to start VDO stream. " << messageOf(error);
+            g_clear_error(&error);
+            g_stemlibLogger.error("AxisVideoStreamSource: " + errorStream.str());
+            throw std::runtime_error(errorStream.str());
+        }
+
+        g_stemlibLogger.info(
+            "AxisVideoStreamSource: Successfully created VideoStreamSource instance");
+    }
+}
+
+AxisVideoStreamSource::~AxisVideoStreamSource() {
+    if (_vdoStream != nullptr) {
+        g_object_unref(_vdoStream);
+    }
+}
+
+void AxisVideoStreamSource::loadImageData(uint8_t* pImageData) {
+    if (pImageData == nullptr) {
+        g_stemlibLogger.error("loadImageData: Input YUV image data pointer is null");
+        return;
+    }
+    if (!_isDirty) {
+        return;
+    }
+    // A turned camera delivers the picture turned: height pixels wide, width pixels tall.
+    if (_cameraRotation == 90 || _cameraRotation == 270) {
+        convertU8yuvToRGBlibYuv(_resolution.height, _resolution.width, pImageData, _imageBuffer);
+    } else {
+        convertU8yuvToRGBlibYuv(_resolution.width, _resolution.height, pImageData, _imageBuffer);
+    }
+}
+
+bool AxisVideoStreamSource::loadFrameFromCamera() {
+    if (!_isDirty) {
+        return true;
+    }
+    GError* error = nullptr;
+    VdoBuffer* buffer = vdo_stream_get_buffer(_vdoStream, &error);
+    if (buffer == nullptr) {
+        g_stemlibLogger.error("loadFrameFromCamera: Failed to get VDO buffer. " + messageOf(error));
+        g_clear_error(&error);
+        return false;
+    }
+    loadImageData(static_cast<uint8_t*>(vdo_buffer_get_data(buffer)));
+    if (!vdo_stream_buffer_unref(_vdoStream, &buffer, &error)) {
+        g_stemlibLogger.error("loadFrameFromCamera: Failed to release VDO stream buffer: " +
+                              messageOf(error));
+        g_clear_error(&error);
+        return false;
+    }
+    return true;
+}
+
+bool AxisVideoStreamSource::getFrame(const Resolution& requestedResolution, int rotation,
+                                     uint8_t* pOutputPixels) {
+    if (pOutputPixels == nullptr) {
+        // No frame can be delivered, so no camera buffer is taken.
+        g_stemlibLogger.error("getFrame: output pointer pOutputPixels is null");
+        return false;
+    }
+    GError* error = nullptr;
+    VdoBuffer* buffer = vdo_stream_get_buffer(_vdoStream, &error);
+    if (buffer == nullptr) {
+        g_stemlibLogger.error("getFrame: Failed to get VDO buffer. " + messageOf(error));
+        g_clear_error(&error);
+        return false;
+    }
+    try {
+        uint8_t* data = static_cast<uint8_t*>(vdo_buffer_get_data(buffer));
+        const unsigned int w = _resolution.width;
+        const unsigned int h = _resolution.height;
+        const unsigned int rw = requestedResolution.width;
+        const unsigned int rh = requestedResolution.height;
+        const bool straight = rw == w && rh == h;
+        const bool transposed = rw == h && rh == w;
+        bool converted = true;
+        // The rows of the choice are tried in order; the exact-size rows go through the image
+        // buffer, every other size through crop and scale, where rotation plays no part.
+        if (_cameraRotation == 0 || _cameraRotation == 180) {
+            if (straight && rotation == 0) {
+                loadImageData(data);
+                rotate0(_imageBuffer, pOutputPixels);
+            } else if (straight && rotation == 180) {
+                loadImageData(data);
+                rotate180(_imageBuffer, pOutputPixels);
+            } else if (transposed && rotation == 90) {
+                loadImageData(data);
+                rotate90(_imageBuffer, pOutputPixels);
+            } else if (transposed && rotation == 270) {
+                loadImageData(data);
+                rotate270(_imageBuffer, pOutputPixels);
+            } else {
+                converted = convertCropScaleU8yuvToRGB(data, w, h, pOutputPixels, rw, rh);
+            }
+        } else if (_cameraRotation == 90 || _cameraRotation == 270) {
+            if (straight && rotation == 0) {
+                loadImageData(data);
+                rotate0(_imageBuffer, pOutputPixels);
+            } else if (transposed && rotation == 180) {
+                loadImageData(data);
+                rotate180(_imageBuffer, pOutputPixels);
+            } else if (straight && rotation == 90) {
+                loadImageData(data);
+                rotate90_R90(_imageBuffer, pOutputPixels);
+            } else if (straight && rotation == 270) {
+                loadImageData(data);
+                rotate270_R90(_imageBuffer, pOutputPixels);
+            } else {
+                converted = convertCropScaleU8yuvToRGB(data, h, w, pOutputPixels, rw, rh);
+            }
+        }
+        if (!converted) {
+            // The buffer is not given back on this path.
+            g_stemlibLogger.error(
+                "getFrame: convertCropScaleU8yuvToRGB failed to convert YUV data to RGB data.");
+            return false;
+        }
+    } catch (...) {
+        g_stemlibLogger.error("getFrame: Unexpected error while converting YUV data to RGB.");
+        return false;
+    }
+    if (!vdo_stream_buffer_unref(_vdoStream, &buffer, &error)) {
+        g_stemlibLogger.error("getFrame: Failed to release VDO stream buffer: " + messageOf(error));
+        g_clear_error(&error);
+        return false;
+    }
+    return true;
+}
+
+cv::Mat AxisVideoStreamSource::toCVMat() const {
+    if (_cameraRotation == 90 || _cameraRotation == 270) {
+        // The shape of _resolution, as for an unturned camera: the turned picture in the buffer
+        // is not taken into account.
+        if (_imageBuffer == nullptr || _resolution.area() == 0) {
+            g_stemlibLogger.error("toCVMat: Image buffer is null");
+            return cv::Mat();
+        }
+        cv::Mat image(static_cast<int>(_resolution.height), static_cast<int>(_resolution.width),
+                      CV_8UC3, _imageBuffer);
+        cv::cvtColor(image, image, cv::COLOR_RGB2BGR);
+        return image.clone();
+    }
+    return VideoStreamSource::toCVMat();
+}
+
+} // namespace Ombrel
