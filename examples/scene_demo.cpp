@@ -6,6 +6,11 @@
 // a script instead of a detector and tracker. Each frame prints where everyone is, whether they
 // have dwelt long enough, and what crossed the door; a summary follows.
 //
+// It also opens a stream on the camera (on a PC, the default host camera unless
+// STEMLIB_HOST_CAMERA names another) and takes one frame at the analysis resolution on each
+// scripted frame, printing what arrived, as a detector would take its input. Without a camera
+// the scene plays all the same.
+//
 // Like an application, it keeps a log file (its own lines and the library's, through useLogger)
 // and writes archive records: every ten frames one line per area with the people in it, one for
 // the door's entries and exits, and one with the people in view. At the end it reads the crowd
@@ -22,6 +27,8 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <memory>
+#include <numeric>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -146,6 +153,26 @@ std::map<std::string, int> summarizeCrowdArchive(const std::string& path, int& l
     return columns;
 }
 
+// Opens the camera's widest 16:9 stream, or says why there is none.
+std::unique_ptr<AxisVideoStreamSource> openCamera() {
+    AxisCameraManager manager("scene_demo");
+    const AxisCameraInfo info = manager.getCameraInfo();
+    Resolution stream = getHighestCompatibleResolution(Resolution(1920, 1080));
+    if (stream.area() == 0) {
+        stream = kAnalysis;
+    }
+    try {
+        auto camera = std::make_unique<AxisVideoStreamSource>(stream);
+        std::printf("camera: %s, %s, rotation %d, stream %ux%u\n", info.productName.c_str(),
+                    toString(info.systemOnChip).c_str(), info.rotation, stream.width,
+                    stream.height);
+        return camera;
+    } catch (const std::exception& e) {
+        std::printf("camera: not available (%s)\n", e.what());
+        return nullptr;
+    }
+}
+
 struct Summary {
     int framesAt[4] = {0, 0, 0, 0}; // by AOILocation: areas 0 to 2, then the exterior
     bool dwelt[3] = {false, false, false};
@@ -215,6 +242,10 @@ int main(int argc, char** argv) {
     }
     std::printf("exclusion 0: %s\n", exclusions.getExclusion(0).toString().c_str());
 
+    const std::unique_ptr<AxisVideoStreamSource> camera = openCamera();
+    std::vector<uint8_t> pixels(std::size_t{kAnalysis.width} * kAnalysis.height * 3);
+    int cameraFrames = 0;
+
     int lastFrame = 0;
     for (const ScriptedPerson& person : script()) {
         lastFrame = std::max(lastFrame, person.path.back().frame);
@@ -230,6 +261,14 @@ int main(int argc, char** argv) {
         const double seconds =
             std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
         std::printf("frame %2d  t=%4.1fs\n", frame, seconds);
+        if (camera && camera->getFrame(kAnalysis, 0, pixels.data())) {
+            // The frame a detector would analyse: cropped and scaled to the analysis size.
+            ++cameraFrames;
+            const double level = std::accumulate(pixels.begin(), pixels.end(), 0.0) /
+                                 static_cast<double>(pixels.size());
+            std::printf("  %-12s %ux%u RGB frame arrived, mean level %.1f\n", "camera",
+                        kAnalysis.width, kAnalysis.height, level);
+        }
         for (const ScriptedPerson& person : script()) {
             FPoint feet;
             Summary& summary = summaries[person.findingID];
@@ -334,6 +373,9 @@ int main(int argc, char** argv) {
         std::printf("  %-12s %3d (sum of the records)\n", name.c_str(), total);
     }
     std::printf("archives %s, %s\n", entrancePath.c_str(), occupancyPath.c_str());
+    if (camera) {
+        std::printf("camera: %d frames taken\n", cameraFrames);
+    }
 
     logger.flush();
     std::printf("log file %s now holds %zu entries\n", logPath.c_str(),
