@@ -244,13 +244,13 @@ TEST(HostVdoStream, DefaultCameraStreamsFullHdFramesOfTheGenerator) {
     EXPECT_EQ(sequence, 0U);
     EXPECT_EQ(frame, generatorFrame(1920, 1080, 0, 0));
     // Facts of the documented scene at frame 0 (S = 1080, t = 8): background at the bottom-left
-    // (no check, 48 * 1078 / 1080 = 47 in U), the red square at (90, 300), and the counter's last
+    // (no check, 48 * 1078 / 1080 = 47 in U), the red square at (700, 100), and the counter's last
     // digit "0" lit on its top stroke and dark in its middle.
     const std::uint8_t* uv = frame.data() + 1920 * 1080;
     EXPECT_EQ(frame[1079 * 1920 + 0], 40);
     EXPECT_EQ(uv[539 * 1920 + 0], 151);
     EXPECT_EQ(uv[539 * 1920 + 1], 152);
-    EXPECT_EQ(frame[300 * 1920 + 90], 82);
+    EXPECT_EQ(frame[100 * 1920 + 700], 82);
     EXPECT_EQ(frame[16 * 1920 + 297], 235);
     EXPECT_EQ(frame[44 * 1920 + 312], 16);
     const std::vector<std::uint8_t> eighth = generatorFrame(1920, 1080, 0, 8);
@@ -261,12 +261,13 @@ TEST(HostVdoStream, EveryFrameOfTheRingMatchesTheGeneratorAtEachRotation) {
     HostCameraScope camera(kSmallCamera);
     for (guint32 rotation : {0U, 90U, 180U, 270U}) {
         SCOPED_TRACE(rotation);
-        // A single buffer redrawn from frame to frame, shapes crossing the counter's box.
+        // A single buffer redrawn from frame to frame: shapes crossing each other and the
+        // counter's box (everything redrawn), and shapes apart (only what changes).
         GPtr<VdoMap> single = settingsMap(320, 180, rotation);
         vdo_map_set_uint32(single.get(), "buffer.count", 1);
         GPtr<VdoStream> singleStream = openStream(single.get());
         ASSERT_NE(singleStream, nullptr);
-        for (guint expected = 0; expected < 40; ++expected) {
+        for (guint expected = 0; expected < 120; ++expected) {
             ASSERT_EQ(nextFrame(singleStream.get()), generatorFrame(320, 180, rotation, expected))
                 << expected;
         }

@@ -138,6 +138,25 @@ FrameGenerator::FrameGenerator(std::uint32_t width, std::uint32_t height, std::u
             chroma[by * _outWidth + 2 * bx + 1] = static_cast<std::uint8_t>(152 - 48 * x / w);
         }
     }
+
+    // Pixel row k of the disc: |2x + 1 - 2cx| <= m, m = floor(sqrt(4r^2 - (2k + 1 - 2r)^2)),
+    // so x runs over [cx - (m + 1) / 2, cx + (m + 1) / 2). Block row k: |2bx + 1 - cx| <= m,
+    // m = floor(sqrt(r^2 - (2k + 1 - r)^2)), cx being even.
+    const std::int64_t radius = evenAtLeast2(std::min(w, h) / 12);
+    _discPixelHalf.resize(static_cast<std::size_t>(2 * radius));
+    for (std::int64_t k = 0; k < 2 * radius; ++k) {
+        const std::int64_t d = 2 * k + 1 - 2 * radius;
+        const std::int64_t rest = 4 * radius * radius - d * d;
+        _discPixelHalf[static_cast<std::size_t>(k)] =
+            rest < 0 ? -1 : static_cast<int>((isqrt(rest) + 1) / 2);
+    }
+    _discBlockHalf.resize(static_cast<std::size_t>(radius));
+    for (std::int64_t k = 0; k < radius; ++k) {
+        const std::int64_t d = 2 * k + 1 - radius;
+        const std::int64_t rest = radius * radius - d * d;
+        _discBlockHalf[static_cast<std::size_t>(k)] =
+            rest < 0 ? -1 : static_cast<int>((isqrt(rest) + 1) / 2);
+    }
 }
 
 FrameGenerator::Rect FrameGenerator::toOutput(const Rect& r) const {
@@ -197,32 +216,63 @@ void FrameGenerator::fillRect(std::uint8_t* nv12, const Rect& r, Colour colour) 
     }
 }
 
-void FrameGenerator::restoreUncovered(std::uint8_t* nv12, const Rect& oldRect,
-                                      const Rect& newRect) const {
-    const Rect common{std::max(oldRect.x0, newRect.x0), std::max(oldRect.y0, newRect.y0),
-                      std::min(oldRect.x1, newRect.x1), std::min(oldRect.y1, newRect.y1)};
+namespace {
+
+// Calls action on the up to four rectangles that make up a minus b.
+template <typename Rect, typename Action>
+void forEachOutside(const Rect& a, const Rect& b, Action action) {
+    const Rect common{std::max(a.x0, b.x0), std::max(a.y0, b.y0), std::min(a.x1, b.x1),
+                      std::min(a.y1, b.y1)};
     if (common.x0 >= common.x1 || common.y0 >= common.y1) {
-        restore(nv12, oldRect);
+        action(a);
         return;
     }
-    // Above and below the common part across the old width, then left and right of it.
-    restore(nv12, Rect{oldRect.x0, oldRect.y0, oldRect.x1, common.y0});
-    restore(nv12, Rect{oldRect.x0, common.y1, oldRect.x1, oldRect.y1});
-    restore(nv12, Rect{oldRect.x0, common.y0, common.x0, common.y1});
-    restore(nv12, Rect{common.x1, common.y0, oldRect.x1, common.y1});
+    // Above and below the common part across the full width, then left and right of it.
+    action(Rect{a.x0, a.y0, a.x1, common.y0});
+    action(Rect{a.x0, common.y1, a.x1, a.y1});
+    action(Rect{a.x0, common.y0, common.x0, common.y1});
+    action(Rect{common.x1, common.y0, a.x1, common.y1});
+}
+
+// Calls action on the up to two intervals that make up [a0, a1) minus [b0, b1).
+template <typename Action>
+void forEachOutside(std::int64_t a0, std::int64_t a1, std::int64_t b0, std::int64_t b1,
+                    Action action) {
+    if (a0 >= a1) {
+        return;
+    }
+    if (b0 >= b1 || b1 <= a0 || b0 >= a1) {
+        action(a0, a1);
+        return;
+    }
+    if (a0 < b0) {
+        action(a0, b0);
+    }
+    if (b1 < a1) {
+        action(b1, a1);
+    }
+}
+
+} // namespace
+
+void FrameGenerator::restoreUncovered(std::uint8_t* nv12, const Rect& oldRect,
+                                      const Rect& newRect) const {
+    forEachOutside(oldRect, newRect, [&](const Rect& part) { restore(nv12, part); });
+}
+
+void FrameGenerator::fillUncovered(std::uint8_t* nv12, const Rect& newRect, const Rect& oldRect,
+                                   Colour colour) const {
+    forEachOutside(newRect, oldRect, [&](const Rect& part) { fillRect(nv12, part, colour); });
 }
 
 // The disc holds the pixels whose centres lie within radius of the centre of its box (a pixel
 // corner with even coordinates), and the chroma blocks whose centres do. Rotation maps centres
 // onto centres, so the same rule drawn in output coordinates gives the turned disc exactly. The
 // rest of the box is background.
-void FrameGenerator::fillDisc(std::uint8_t* nv12, const Rect& box, int radius,
-                              Colour colour) const {
+void FrameGenerator::fillDisc(std::uint8_t* nv12, const Rect& box, Colour colour) const {
     const std::int64_t stride = _outWidth;
     const std::int64_t lumaSize = stride * _outHeight;
     const std::int64_t cx = (box.x0 + box.x1) / 2;
-    const std::int64_t cy = (box.y0 + box.y1) / 2;
-    const std::int64_t r2 = std::int64_t{radius} * radius;
     const Rect clipped = clip(box);
     const std::uint8_t* background = _background.data();
     // Writes [from, to) of a row: background outside [spanFrom, spanTo), fill inside.
@@ -236,26 +286,74 @@ void FrameGenerator::fillDisc(std::uint8_t* nv12, const Rect& box, int radius,
         std::memcpy(nv12 + offset + spanTo, background + offset + spanTo,
                     static_cast<std::size_t>(to - spanTo));
     };
-    // Pixel rows: |2x + 1 - 2cx| <= m with m = floor(sqrt(4r^2 - (2y + 1 - 2cy)^2)).
     for (std::int64_t y = clipped.y0; y < clipped.y1; ++y) {
-        const std::int64_t d = 2 * y + 1 - 2 * cy;
-        const std::int64_t rest = 4 * r2 - d * d;
-        const std::int64_t half = rest < 0 ? -1 : (isqrt(rest) + 1) / 2;
+        const std::int64_t half = _discPixelHalf[static_cast<std::size_t>(y - box.y0)];
         row(y * stride, clipped.x0, clipped.x1, cx - half, cx + half,
             [&](std::uint8_t* line, std::int64_t from, std::int64_t to) {
                 std::memset(line + from, colour.y, static_cast<std::size_t>(to - from));
             });
     }
-    // Chroma blocks: centre (2bx + 1, 2by + 1), so |2bx + 1 - cx| <= m with cx even.
     for (std::int64_t by = clipped.y0 / 2; by < clipped.y1 / 2; ++by) {
-        const std::int64_t d = 2 * by + 1 - cy;
-        const std::int64_t rest = r2 - d * d;
-        const std::int64_t half = rest < 0 ? -1 : (isqrt(rest) + 1) / 2;
+        const std::int64_t half = _discBlockHalf[static_cast<std::size_t>(by - box.y0 / 2)];
         row(lumaSize + by * stride, clipped.x0, clipped.x1, 2 * (cx / 2 - half),
             2 * (cx / 2 + half), [&](std::uint8_t* line, std::int64_t from, std::int64_t to) {
                 fillPairs(line + from, static_cast<std::size_t>(to - from) / 2, colour.u, colour.v);
             });
     }
+}
+
+void FrameGenerator::moveDisc(std::uint8_t* nv12, const Rect& oldBox, const Rect& newBox,
+                              Colour colour) const {
+    const std::int64_t stride = _outWidth;
+    const std::int64_t lumaSize = stride * _outHeight;
+    const std::uint8_t* background = _background.data();
+    // The disc's span on row y (a block row when chroma), in bytes of the row, clipped.
+    auto span = [&](const Rect& box, std::int64_t y, bool chroma, std::int64_t& from,
+                    std::int64_t& to) {
+        const std::int64_t cx = (box.x0 + box.x1) / 2;
+        const std::int64_t row = chroma ? y - box.y0 / 2 : y - box.y0;
+        const std::vector<int>& halves = chroma ? _discBlockHalf : _discPixelHalf;
+        if (row < 0 || row >= static_cast<std::int64_t>(halves.size()) ||
+            halves[static_cast<std::size_t>(row)] < 0) {
+            from = to = 0;
+            return;
+        }
+        const std::int64_t half = halves[static_cast<std::size_t>(row)];
+        from = chroma ? 2 * (cx / 2 - half) : cx - half;
+        to = chroma ? 2 * (cx / 2 + half) : cx + half;
+        from = std::clamp<std::int64_t>(from, 0, stride);
+        to = std::clamp<std::int64_t>(to, from, stride);
+    };
+    auto rows = [&](bool chroma) {
+        const std::int64_t scale = chroma ? 2 : 1;
+        const std::int64_t first =
+            std::max<std::int64_t>(0, std::min(oldBox.y0, newBox.y0) / scale);
+        const std::int64_t last =
+            std::min<std::int64_t>(_outHeight / scale, std::max(oldBox.y1, newBox.y1) / scale);
+        for (std::int64_t y = first; y < last; ++y) {
+            std::int64_t oldFrom = 0;
+            std::int64_t oldTo = 0;
+            std::int64_t newFrom = 0;
+            std::int64_t newTo = 0;
+            span(oldBox, y, chroma, oldFrom, oldTo);
+            span(newBox, y, chroma, newFrom, newTo);
+            const std::int64_t offset = (chroma ? lumaSize : 0) + y * stride;
+            forEachOutside(oldFrom, oldTo, newFrom, newTo, [&](std::int64_t a, std::int64_t b) {
+                std::memcpy(nv12 + offset + a, background + offset + a,
+                            static_cast<std::size_t>(b - a));
+            });
+            forEachOutside(newFrom, newTo, oldFrom, oldTo, [&](std::int64_t a, std::int64_t b) {
+                if (chroma) {
+                    fillPairs(nv12 + offset + a, static_cast<std::size_t>(b - a) / 2, colour.u,
+                              colour.v);
+                } else {
+                    std::memset(nv12 + offset + a, colour.y, static_cast<std::size_t>(b - a));
+                }
+            });
+        }
+    };
+    rows(false);
+    rows(true);
 }
 
 FrameGenerator::Layout FrameGenerator::layout(std::uint64_t n) const {
@@ -272,16 +370,15 @@ FrameGenerator::Layout FrameGenerator::layout(std::uint64_t n) const {
     layout.bar = clip(toOutput(Rect{barX, barY, barX + barWidth, barY + barHeight}));
 
     // Disc, green, bouncing across the picture.
-    const int radius = evenAtLeast2(s / 10);
+    const int radius = evenAtLeast2(s / 12);
     const int cx = radius + evenDown(triangle(n, evenAtLeast2(s / 70), w - 2 * radius));
     const int cy = radius + evenDown(triangle(n, evenAtLeast2(s / 110), h - 2 * radius));
     layout.discBox = toOutput(Rect{cx - radius, cy - radius, cx + radius, cy + radius});
-    layout.discRadius = radius;
 
-    // Square, red, sliding left and right in the upper part.
+    // Square, red, moving up and down a third of the way across.
     const int side = evenAtLeast2(s / 6);
-    const int squareX = evenDown(triangle(n, evenAtLeast2(s / 60), w - side));
-    const int squareY = std::min(evenDown(h / 5), evenDown(h - side));
+    const int squareX = std::min(evenDown(w / 3), evenDown(w - side));
+    const int squareY = evenDown(triangle(n, evenAtLeast2(s / 60), h - side));
     layout.square = clip(toOutput(Rect{squareX, squareY, squareX + side, squareY + side}));
 
     // Frame counter, white digits in a black box at the top-left.
@@ -316,28 +413,56 @@ void FrameGenerator::render(std::uint64_t sequence, std::uint8_t* nv12) const {
 void FrameGenerator::update(std::uint64_t sequence, std::uint8_t* nv12, Damage& damage) const {
     const Layout now = layout(sequence);
     const std::array<Rect, 3> shapes{now.bar, clip(now.discBox), now.square};
+    const Colour colours[3] = {{41, 240, 110}, {145, 54, 34}, {82, 90, 240}};
     auto meets = [](const Rect& a, const Rect& b) {
         return std::max(a.x0, b.x0) < std::min(a.x1, b.x1) &&
                std::max(a.y0, b.y0) < std::min(a.y1, b.y1);
     };
-    // The counter is drawn over the shapes: when one of them touches its box, now or in the
-    // buffer's previous frame, the whole box is drawn again.
+    auto hull = [](const Rect& a, const Rect& b) {
+        return Rect{std::min(a.x0, b.x0), std::min(a.y0, b.y0), std::max(a.x1, b.x1),
+                    std::max(a.y1, b.y1)};
+    };
+    // A shape that keeps clear of the others and of the counter, between the buffer's previous
+    // frame and now, needs only the pixels that it leaves or newly covers. The others are drawn
+    // whole, in order, over their uncovered old places; and the counter, drawn over the shapes,
+    // is drawn whole when one of them touches its box.
+    std::array<bool, 3> isolated{};
     bool wholeCounter = !damage.valid;
     if (damage.valid) {
+        std::array<Rect, 3> swept{};
         for (std::size_t i = 0; i < shapes.size(); ++i) {
-            restoreUncovered(nv12, damage.shapes[i], shapes[i]);
-            wholeCounter = wholeCounter || meets(damage.shapes[i], now.box);
+            swept[i] = hull(damage.shapes[i], shapes[i]);
+        }
+        for (std::size_t i = 0; i < shapes.size(); ++i) {
+            const bool touchesCounter = meets(swept[i], now.box);
+            wholeCounter = wholeCounter || touchesCounter;
+            isolated[i] = !touchesCounter;
+            for (std::size_t j = 0; j < shapes.size(); ++j) {
+                isolated[i] = isolated[i] && (i == j || !meets(swept[i], swept[j]));
+            }
+        }
+        for (std::size_t i = 0; i < shapes.size(); ++i) {
+            if (!isolated[i]) {
+                restoreUncovered(nv12, damage.shapes[i], shapes[i]);
+            }
         }
     } else {
         std::memcpy(nv12, _background.data(), _background.size());
     }
-    for (const Rect& shape : shapes) {
-        wholeCounter = wholeCounter || meets(shape, now.box);
+    for (std::size_t i = 0; i < shapes.size(); ++i) {
+        if (i == 1) {
+            if (isolated[i]) {
+                moveDisc(nv12, damage.discBox, now.discBox, colours[i]);
+            } else {
+                fillDisc(nv12, now.discBox, colours[i]);
+            }
+        } else if (isolated[i]) {
+            restoreUncovered(nv12, damage.shapes[i], shapes[i]);
+            fillUncovered(nv12, shapes[i], damage.shapes[i], colours[i]);
+        } else {
+            fillRect(nv12, shapes[i], colours[i]);
+        }
     }
-
-    fillRect(nv12, now.bar, Colour{41, 240, 110});
-    fillDisc(nv12, now.discBox, now.discRadius, Colour{145, 54, 34});
-    fillRect(nv12, now.square, Colour{82, 90, 240});
 
     if (wholeCounter) {
         fillRect(nv12, now.box, Colour{16, 128, 128});
@@ -355,6 +480,7 @@ void FrameGenerator::update(std::uint64_t sequence, std::uint8_t* nv12, Damage& 
     damage.valid = true;
     damage.sequence = sequence;
     damage.shapes = shapes;
+    damage.discBox = now.discBox;
 }
 
 } // namespace stemlib_host

@@ -9,15 +9,17 @@
 //   background  Y = 40 + 96 * x / W, plus 32 on every other square cell of side even(S / 9);
 //               U = 104 + 48 * y / H and V = 152 - 48 * x / W, at the 2 by 2 block's top-left
 //   bar         blue, even(S / 24) by even(S / 4), x = even(3 W / 4), y = tri(n even(S / 90))
-//   disc        green, radius even(S / 10), centre moving on tri(n even(S / 70)) and
+//   disc        green, radius even(S / 12), centre moving on tri(n even(S / 70)) and
 //               tri(n even(S / 110))
-//   square      red, side even(S / 6), x = tri(n even(S / 60)), y = even(H / 5)
+//   square      red, side even(S / 6), x = even(W / 3), y = tri(n even(S / 60))
 //   counter     the sequence number modulo 10^8 in eight seven-segment digits, white on black,
 //               in a box of 41 t by 9 t at (t, t), t = even(S / 120)
 //
 // A stream renders a frame into each buffer of its ring once and afterwards only redraws what
-// changed since that buffer's previous frame: the uncovered part of each shape's old place, the
-// shapes, and the counter's changed digits. So a frame costs a small fraction of its bytes.
+// changed since that buffer's previous frame: for a shape clear of the others and of the counter
+// only the pixels that it left or newly covers, otherwise its uncovered old place and the shape
+// whole; and the counter's changed digits, or the whole counter when a shape touches it. So a
+// frame costs a small fraction of its bytes.
 // Immutable after construction; one generator may serve several threads.
 #pragma once
 
@@ -44,6 +46,7 @@ public:
         bool valid = false;
         std::uint64_t sequence = 0;
         std::array<Rect, 3> shapes{};
+        Rect discBox; // unclipped, for the disc's centre
     };
 
     // width and height even, from 2 to 65534; rotation 0, 90, 180 or 270. Throws
@@ -72,8 +75,7 @@ private:
     // Where the shapes of frame n lie, in output pixels, clipped to the picture.
     struct Layout {
         Rect bar;
-        Rect discBox;
-        int discRadius = 0;
+        Rect discBox; // unclipped, for the disc's centre
         Rect square;
         Rect box; // the counter's
     };
@@ -84,9 +86,15 @@ private:
     void restore(std::uint8_t* nv12, const Rect& rect) const;
     // Restores the part of oldRect outside newRect.
     void restoreUncovered(std::uint8_t* nv12, const Rect& oldRect, const Rect& newRect) const;
+    // Fills the part of newRect outside oldRect.
+    void fillUncovered(std::uint8_t* nv12, const Rect& newRect, const Rect& oldRect,
+                       Colour colour) const;
     void fillRect(std::uint8_t* nv12, const Rect& rect, Colour colour) const;
-    // Draws the disc centred in box and restores the rest of box from the background.
-    void fillDisc(std::uint8_t* nv12, const Rect& box, int radius, Colour colour) const;
+    // Draws the disc centred in box (unclipped) and restores the rest of box from the
+    // background.
+    void fillDisc(std::uint8_t* nv12, const Rect& box, Colour colour) const;
+    // Moves the disc from oldBox to newBox, writing only the pixels that change.
+    void moveDisc(std::uint8_t* nv12, const Rect& oldBox, const Rect& newBox, Colour colour) const;
     // Draws digit number `position` (0 the leftmost) of the counter showing `digit`, its cell
     // cleared to the box colour first.
     void drawDigit(std::uint8_t* nv12, int position, unsigned digit) const;
@@ -97,6 +105,10 @@ private:
     std::uint32_t _outWidth;
     std::uint32_t _outHeight;
     std::vector<std::uint8_t> _background;
+    // The disc's half-width, by row from its top: in pixels for each of its 2 r pixel rows, and
+    // in chroma blocks for each of its r block rows; -1 for a row that it does not reach.
+    std::vector<int> _discPixelHalf;
+    std::vector<int> _discBlockHalf;
 };
 
 } // namespace stemlib_host
