@@ -32,3 +32,6 @@ else
     $SUDO apt-get update -q
     $SUDO env DEBIAN_FRONTEND=noninteractive apt-get install -y -q --no-install-recommends "${missing[@]}"
 fi
+
+# TensorFlow Lite, the engine of the host inference service (no Debian package ships it).
+"$(dirname "$0")/fetch-tflite.sh"
