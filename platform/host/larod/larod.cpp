@@ -1,0 +1,1044 @@
+// The host inference service: the camera SDK's larod C API, running models with TensorFlow Lite
+// in the calling process.
+//
+// On the camera, larod is a service that a client reaches over a connection; models live in the
+// service, and tensors travel as file descriptors. Here the "service" is the connection object:
+// it owns the models that were loaded through it (each with its own TensorFlow Lite interpreter),
+// and a job reads its inputs from, and writes its outputs to, the descriptors the way the
+// service does (see larod.h). Handles given to the caller (models, tensors, job requests, maps,
+// errors) are plain heap objects that the matching destroy call releases.
+#include "larod.h"
+
+#include "HostCamera.h"
+#include "stemlib-host-larod.h"
+
+#include <tensorflow/lite/c/c_api.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <deque>
+#include <fcntl.h>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+// ---------------------------------------------------------------------------------------------
+// Call log
+
+constexpr std::size_t kLogCapacity = 4096;
+
+struct CallLog {
+    std::mutex mutex;
+    std::deque<std::string> entries;
+};
+
+CallLog& callLog() {
+    static CallLog log;
+    return log;
+}
+
+// Records one call when it goes out of scope, with " failed" when fail() was called.
+class CallRecord {
+public:
+    explicit CallRecord(const char* name, const std::string& detail = std::string())
+        : _entry(detail.empty() ? std::string(name) : std::string(name) + " " + detail) {}
+    ~CallRecord() {
+        CallLog& log = callLog();
+        std::lock_guard<std::mutex> lock(log.mutex);
+        log.entries.push_back(_failed ? _entry + " failed" : _entry);
+        while (log.entries.size() > kLogCapacity) {
+            log.entries.pop_front();
+        }
+    }
+    CallRecord(const CallRecord&) = delete;
+    CallRecord& operator=(const CallRecord&) = delete;
+
+    void setDetail(const std::string& detail) { _entry += " " + detail; }
+    void fail() { _failed = true; }
+
+private:
+    std::string _entry;
+    bool _failed = false;
+};
+
+// ---------------------------------------------------------------------------------------------
+// Errors
+
+larodErrorCode invalidArgument() {
+    return static_cast<larodErrorCode>(EINVAL);
+}
+
+void freeError(larodError* error) {
+    if (error != nullptr) {
+        std::free(const_cast<char*>(error->msg));
+        std::free(error);
+    }
+}
+
+void setError(larodError** error, larodErrorCode code, const std::string& message) {
+    if (error == nullptr) {
+        return;
+    }
+    // An error the caller did not clear is replaced, not leaked.
+    freeError(*error);
+    *error = nullptr;
+    auto* created = static_cast<larodError*>(std::malloc(sizeof(larodError)));
+    if (created == nullptr) {
+        return;
+    }
+    created->code = code;
+    created->msg = strdup(message.c_str());
+    *error = created;
+}
+
+// A failure requested through the host controls for this call, reported as the service would.
+bool injectedFailure(const char* call, larodErrorCode code, larodError** error) {
+    std::optional<std::string> message = stemlib_host::takeFailure(call);
+    if (!message) {
+        return false;
+    }
+    setError(error, code, *message);
+    return true;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Tensors and models
+
+struct TensorInfo {
+    larodTensorDims dims{};
+    larodTensorPitches pitches{};
+    larodTensorDataType dataType = LAROD_TENSOR_DATA_TYPE_UNSPECIFIED;
+    larodTensorLayout layout = LAROD_TENSOR_LAYOUT_UNSPECIFIED;
+    std::size_t byteSize = 0;
+    std::string name;
+
+    bool sameShape(const TensorInfo& other) const {
+        return dataType == other.dataType && dims.len == other.dims.len &&
+               std::equal(dims.dims, dims.dims + dims.len, other.dims.dims);
+    }
+};
+
+enum class Role { Input, Output };
+
+larodTensorDataType toLarod(TfLiteType type) {
+    switch (type) {
+    case kTfLiteFloat32:
+        return LAROD_TENSOR_DATA_TYPE_FLOAT32;
+    case kTfLiteInt32:
+        return LAROD_TENSOR_DATA_TYPE_INT32;
+    case kTfLiteUInt8:
+        return LAROD_TENSOR_DATA_TYPE_UINT8;
+    case kTfLiteInt64:
+        return LAROD_TENSOR_DATA_TYPE_INT64;
+    case kTfLiteBool:
+        return LAROD_TENSOR_DATA_TYPE_BOOL;
+    case kTfLiteInt16:
+        return LAROD_TENSOR_DATA_TYPE_INT16;
+    case kTfLiteInt8:
+        return LAROD_TENSOR_DATA_TYPE_INT8;
+    case kTfLiteFloat16:
+        return LAROD_TENSOR_DATA_TYPE_FLOAT16;
+    case kTfLiteFloat64:
+        return LAROD_TENSOR_DATA_TYPE_FLOAT64;
+    case kTfLiteUInt64:
+        return LAROD_TENSOR_DATA_TYPE_UINT64;
+    case kTfLiteUInt32:
+        return LAROD_TENSOR_DATA_TYPE_UINT32;
+    default:
+        return LAROD_TENSOR_DATA_TYPE_INVALID;
+    }
+}
+
+// Describes an engine tensor; false with a message when larod cannot carry it.
+bool describe(const TfLiteTensor* tensor, TensorInfo& info, std::string& problem) {
+    info.name = TfLiteTensorName(tensor) != nullptr ? TfLiteTensorName(tensor) : "";
+    info.dataType = toLarod(TfLiteTensorType(tensor));
+    if (info.dataType == LAROD_TENSOR_DATA_TYPE_INVALID) {
+        problem = "tensor \"" + info.name + "\" has a data type that larod does not carry";
+        return false;
+    }
+    const int32_t rank = TfLiteTensorNumDims(tensor);
+    if (rank < 0 || rank > LAROD_TENSOR_MAX_LEN) {
+        problem = "tensor \"" + info.name + "\" has " + std::to_string(rank) +
+                  " dimensions, more than larod carries";
+        return false;
+    }
+    info.dims.len = static_cast<std::size_t>(rank);
+    info.pitches.len = info.dims.len;
+    for (int32_t i = 0; i < rank; ++i) {
+        info.dims.dims[i] = static_cast<std::size_t>(std::max(0, TfLiteTensorDim(tensor, i)));
+    }
+    info.byteSize = TfLiteTensorByteSize(tensor);
+    // Pitch i is the number of bytes that dimension i and all later ones span.
+    const std::size_t elements = [&info]() {
+        std::size_t count = 1;
+        for (std::size_t i = 0; i < info.dims.len; ++i) {
+            count *= info.dims.dims[i];
+        }
+        return count;
+    }();
+    const std::size_t elementSize = elements == 0 ? 0 : info.byteSize / elements;
+    std::size_t pitch = elementSize;
+    for (std::size_t i = info.dims.len; i-- > 0;) {
+        pitch *= info.dims.dims[i];
+        info.pitches.pitches[i] = pitch;
+    }
+    info.layout = rank == 4 ? LAROD_TENSOR_LAYOUT_NHWC : LAROD_TENSOR_LAYOUT_UNSPECIFIED;
+    return true;
+}
+
+struct EngineDeleter {
+    void operator()(TfLiteModel* model) const { TfLiteModelDelete(model); }
+    void operator()(TfLiteInterpreterOptions* options) const {
+        TfLiteInterpreterOptionsDelete(options);
+    }
+    void operator()(TfLiteInterpreter* interpreter) const { TfLiteInterpreterDelete(interpreter); }
+};
+
+// A model as the service holds it. The engine reads the model's bytes in place, so they live as
+// long as the engine objects; members are destroyed in reverse order, interpreter first.
+struct ServiceModel {
+    std::uint64_t id = 0;
+    std::string name;
+    std::vector<std::uint8_t> bytes;
+    std::unique_ptr<TfLiteModel, EngineDeleter> model;
+    std::unique_ptr<TfLiteInterpreterOptions, EngineDeleter> options;
+    std::unique_ptr<TfLiteInterpreter, EngineDeleter> interpreter;
+    std::vector<TensorInfo> inputs;
+    std::vector<TensorInfo> outputs;
+    std::string engineMessage; // the engine's last report
+};
+
+void reportEngineMessage(void* userData, const char* format, va_list args) {
+    auto* model = static_cast<ServiceModel*>(userData);
+    char text[512];
+    std::vsnprintf(text, sizeof text, format, args);
+    model->engineMessage = text;
+}
+
+std::atomic<std::uint64_t> g_nextModelId{1};
+
+// Reads the whole file from offset 0, without moving the descriptor's position.
+bool readModelFile(int fd, std::vector<std::uint8_t>& bytes, std::string& problem) {
+    constexpr std::size_t kMaxModelBytes = std::size_t(1) << 31;
+    struct stat info {};
+    if (fstat(fd, &info) != 0) {
+        problem = std::string("cannot read the model file: ") + std::strerror(errno);
+        return false;
+    }
+    std::size_t chunk = S_ISREG(info.st_mode) && info.st_size > 0
+                            ? static_cast<std::size_t>(info.st_size)
+                            : std::size_t(1) << 20;
+    bytes.clear();
+    off_t offset = 0;
+    for (;;) {
+        if (bytes.size() + chunk > kMaxModelBytes) {
+            problem = "the model file is larger than 2 GiB";
+            return false;
+        }
+        const std::size_t start = bytes.size();
+        bytes.resize(start + chunk);
+        const ssize_t got = pread(fd, bytes.data() + start, chunk, offset);
+        if (got < 0) {
+            if (errno == EINTR) {
+                bytes.resize(start);
+                continue;
+            }
+            problem = std::string("cannot read the model file: ") + std::strerror(errno);
+            return false;
+        }
+        bytes.resize(start + static_cast<std::size_t>(got));
+        if (got == 0) {
+            break;
+        }
+        offset += got;
+    }
+    if (bytes.empty()) {
+        problem = "the model file is empty";
+        return false;
+    }
+    return true;
+}
+
+int threadCount() {
+    const std::string text = stemlib_host::camera()->getOr("larod.threads", "1");
+    const int threads = std::atoi(text.c_str());
+    return threads >= 1 && threads <= 64 ? threads : 1;
+}
+
+bool descriptorOpen(int fd) {
+    return fd >= 0 && fcntl(fd, F_GETFD) != -1;
+}
+
+} // namespace
+
+// ---------------------------------------------------------------------------------------------
+// Handle types
+
+struct larodDevice {
+    std::string name;
+    std::uint32_t instance = 0;
+};
+
+struct larodConnection {
+    std::vector<std::unique_ptr<larodDevice>> devices;
+    std::vector<const larodDevice*> deviceList; // ends with a null entry, so never empty
+    std::map<std::uint64_t, std::unique_ptr<ServiceModel>> models;
+
+    bool owns(const larodDevice* device) const {
+        return std::any_of(devices.begin(), devices.end(),
+                           [device](const auto& own) { return own.get() == device; });
+    }
+};
+
+struct larodModel {
+    std::uint64_t id = LAROD_INVALID_MODEL_ID;
+    std::string name;
+    std::vector<TensorInfo> inputs;
+    std::vector<TensorInfo> outputs;
+};
+
+struct larodTensor {
+    TensorInfo info;
+    int fd = LAROD_INVALID_FD;
+    Role role = Role::Input;
+    std::size_t index = 0;
+};
+
+struct larodJobRequest {
+    std::uint64_t modelId = LAROD_INVALID_MODEL_ID;
+    std::vector<larodTensor> inputs; // copies, taken when the request is made
+    std::vector<larodTensor> outputs;
+};
+
+struct larodMap {
+    std::map<std::string, std::string> strings;
+    std::map<std::string, std::int64_t> integers;
+};
+
+namespace {
+
+std::string tensorLabel(const larodTensor* tensor) {
+    return (tensor->role == Role::Input ? "input " : "output ") + std::to_string(tensor->index);
+}
+
+larodTensor** createTensors(const std::vector<TensorInfo>& infos, Role role,
+                            std::size_t* numTensors) {
+    auto** array = new larodTensor*[infos.empty() ? 1 : infos.size()];
+    for (std::size_t i = 0; i < infos.size(); ++i) {
+        array[i] = new larodTensor{infos[i], LAROD_INVALID_FD, role, i};
+    }
+    if (numTensors != nullptr) {
+        *numTensors = infos.size();
+    }
+    return array;
+}
+
+bool checkTensors(larodTensor** tensors, std::size_t count, const std::vector<TensorInfo>& infos,
+                  const char* what, larodError** error) {
+    if (count != infos.size()) {
+        setError(error, LAROD_ERROR_TENSOR_MISMATCH,
+                 std::string("the model has ") + std::to_string(infos.size()) + " " + what +
+                     " tensors, the request " + std::to_string(count));
+        return false;
+    }
+    if (count > 0 && tensors == nullptr) {
+        setError(error, invalidArgument(), std::string("the ") + what + " tensor array is null");
+        return false;
+    }
+    for (std::size_t i = 0; i < count; ++i) {
+        if (tensors[i] == nullptr) {
+            setError(error, invalidArgument(),
+                     std::string(what) + " tensor " + std::to_string(i) + " is null");
+            return false;
+        }
+        if (!tensors[i]->info.sameShape(infos[i])) {
+            setError(error, LAROD_ERROR_TENSOR_MISMATCH,
+                     std::string(what) + " tensor " + std::to_string(i) +
+                         " does not match the model's type and dimensions");
+            return false;
+        }
+    }
+    return true;
+}
+
+} // namespace
+
+// ---------------------------------------------------------------------------------------------
+// Errors
+
+extern "C" void larodClearError(larodError** error) {
+    CallRecord record("larodClearError",
+                      error == nullptr || *error == nullptr ? std::string("null") : std::string());
+    if (error == nullptr || *error == nullptr) {
+        return;
+    }
+    freeError(*error);
+    *error = nullptr;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Connection and devices
+
+extern "C" bool larodConnect(larodConnection** conn, larodError** error) {
+    CallRecord record("larodConnect");
+    if (injectedFailure("larodConnect", LAROD_ERROR_CONNECTION, error)) {
+        record.fail();
+        return false;
+    }
+    if (conn == nullptr) {
+        setError(error, invalidArgument(), "the connection pointer is null");
+        record.fail();
+        return false;
+    }
+    auto connection = std::make_unique<larodConnection>();
+    const auto camera = stemlib_host::camera();
+    const std::string devices = camera->getOr("larod.devices", "cpu-tflite, a9-dlpu-tflite");
+    for (const std::string& name : stemlib_host::splitList(devices)) {
+        auto device = std::make_unique<larodDevice>();
+        device->name = name;
+        for (const auto& earlier : connection->devices) {
+            if (earlier->name == name) {
+                ++device->instance;
+            }
+        }
+        connection->deviceList.push_back(device.get());
+        connection->devices.push_back(std::move(device));
+    }
+    connection->deviceList.push_back(nullptr);
+    *conn = connection.release();
+    return true;
+}
+
+extern "C" bool larodDisconnect(larodConnection** conn, larodError** error) {
+    CallRecord record("larodDisconnect",
+                      conn == nullptr || *conn == nullptr ? std::string("null") : std::string());
+    if (conn == nullptr || *conn == nullptr) {
+        return true;
+    }
+    // A requested failure is reported, but the connection closes all the same, as it does on a
+    // camera whose service has gone away.
+    const bool failed = injectedFailure("larodDisconnect", LAROD_ERROR_CONNECTION, error);
+    delete *conn;
+    *conn = nullptr;
+    if (failed) {
+        record.fail();
+        return false;
+    }
+    return true;
+}
+
+extern "C" const larodDevice** larodListDevices(larodConnection* conn, size_t* numDevices,
+                                                larodError** error) {
+    CallRecord record("larodListDevices");
+    if (injectedFailure("larodListDevices", LAROD_ERROR_CONNECTION, error)) {
+        record.fail();
+        return nullptr;
+    }
+    if (conn == nullptr) {
+        setError(error, invalidArgument(), "the connection is null");
+        record.fail();
+        return nullptr;
+    }
+    if (numDevices != nullptr) {
+        *numDevices = conn->devices.size();
+    }
+    return conn->deviceList.data();
+}
+
+extern "C" const larodDevice* larodGetDevice(const larodConnection* conn, const char* name,
+                                             uint32_t instance, larodError** error) {
+    CallRecord record("larodGetDevice", name != nullptr ? name : "null");
+    if (injectedFailure("larodGetDevice", LAROD_ERROR_INVALID_CHIP_ID, error)) {
+        record.fail();
+        return nullptr;
+    }
+    if (conn == nullptr || name == nullptr) {
+        setError(error, invalidArgument(), "the connection or the device name is null");
+        record.fail();
+        return nullptr;
+    }
+    for (const auto& device : conn->devices) {
+        if (device->name == name && device->instance == instance) {
+            return device.get();
+        }
+    }
+    setError(error, LAROD_ERROR_INVALID_CHIP_ID,
+             std::string("no device \"") + name + "\" with instance " + std::to_string(instance));
+    record.fail();
+    return nullptr;
+}
+
+extern "C" const char* larodGetDeviceName(const larodDevice* dev, larodError** error) {
+    CallRecord record("larodGetDeviceName");
+    if (injectedFailure("larodGetDeviceName", LAROD_ERROR_INVALID_CHIP_ID, error)) {
+        record.fail();
+        return nullptr;
+    }
+    if (dev == nullptr) {
+        setError(error, invalidArgument(), "the device is null");
+        record.fail();
+        return nullptr;
+    }
+    return dev->name.c_str();
+}
+
+// ---------------------------------------------------------------------------------------------
+// Models
+
+extern "C" larodModel* larodLoadModel(larodConnection* conn, int fd, const larodDevice* dev,
+                                      larodAccess access, const char* name, const larodMap* params,
+                                      larodError** error) {
+    (void)params; // the engine takes no model parameters
+    CallRecord record("larodLoadModel", dev != nullptr ? dev->name : std::string("null"));
+    auto fail = [&](larodErrorCode code, const std::string& message) -> larodModel* {
+        setError(error, code, message);
+        record.fail();
+        return nullptr;
+    };
+    if (injectedFailure("larodLoadModel", LAROD_ERROR_LOAD_MODEL, error)) {
+        record.fail();
+        return nullptr;
+    }
+    if (conn == nullptr) {
+        return fail(invalidArgument(), "the connection is null");
+    }
+    if (dev == nullptr) {
+        return fail(invalidArgument(), "no device given");
+    }
+    if (!conn->owns(dev)) {
+        return fail(LAROD_ERROR_INVALID_CHIP_ID, "the device does not belong to this connection");
+    }
+    if (access != LAROD_ACCESS_PRIVATE && access != LAROD_ACCESS_PUBLIC) {
+        return fail(LAROD_ERROR_INVALID_ACCESS, "invalid access mode");
+    }
+    if (fd < 0) {
+        return fail(LAROD_ERROR_FD, "invalid model file descriptor");
+    }
+    const std::string suffix = "-tflite";
+    if (dev->name.size() < suffix.size() ||
+        dev->name.compare(dev->name.size() - suffix.size(), suffix.size(), suffix) != 0) {
+        return fail(LAROD_ERROR_LOAD_MODEL,
+                    "device \"" + dev->name + "\" does not run TensorFlow Lite models");
+    }
+
+    auto model = std::make_unique<ServiceModel>();
+    model->id = g_nextModelId++;
+    model->name = name != nullptr ? name : "";
+    std::string problem;
+    if (!readModelFile(fd, model->bytes, problem)) {
+        return fail(LAROD_ERROR_LOAD_MODEL, problem);
+    }
+    model->model.reset(TfLiteModelCreate(model->bytes.data(), model->bytes.size()));
+    if (!model->model) {
+        return fail(LAROD_ERROR_LOAD_MODEL,
+                    "the file \"" + model->name + "\" is not a valid TensorFlow Lite model");
+    }
+    model->options.reset(TfLiteInterpreterOptionsCreate());
+    TfLiteInterpreterOptionsSetNumThreads(model->options.get(), threadCount());
+    TfLiteInterpreterOptionsSetErrorReporter(model->options.get(), reportEngineMessage,
+                                             model.get());
+    model->interpreter.reset(TfLiteInterpreterCreate(model->model.get(), model->options.get()));
+    if (!model->interpreter) {
+        return fail(LAROD_ERROR_LOAD_MODEL,
+                    "TensorFlow Lite cannot build the model: " + model->engineMessage);
+    }
+    if (TfLiteInterpreterAllocateTensors(model->interpreter.get()) != kTfLiteOk) {
+        return fail(LAROD_ERROR_LOAD_MODEL,
+                    "TensorFlow Lite cannot prepare the model: " + model->engineMessage);
+    }
+    const int32_t numInputs = TfLiteInterpreterGetInputTensorCount(model->interpreter.get());
+    for (int32_t i = 0; i < numInputs; ++i) {
+        TensorInfo info;
+        if (!describe(TfLiteInterpreterGetInputTensor(model->interpreter.get(), i), info,
+                      problem)) {
+            return fail(LAROD_ERROR_LOAD_MODEL, problem);
+        }
+        model->inputs.push_back(info);
+    }
+    const int32_t numOutputs = TfLiteInterpreterGetOutputTensorCount(model->interpreter.get());
+    for (int32_t i = 0; i < numOutputs; ++i) {
+        TensorInfo info;
+        if (!describe(TfLiteInterpreterGetOutputTensor(model->interpreter.get(), i), info,
+                      problem)) {
+            return fail(LAROD_ERROR_LOAD_MODEL, problem);
+        }
+        model->outputs.push_back(info);
+    }
+
+    auto handle = std::make_unique<larodModel>();
+    handle->id = model->id;
+    handle->name = model->name;
+    handle->inputs = model->inputs;
+    handle->outputs = model->outputs;
+    conn->models[model->id] = std::move(model);
+    return handle.release();
+}
+
+extern "C" bool larodDeleteModel(larodConnection* conn, larodModel* model, larodError** error) {
+    CallRecord record("larodDeleteModel", model == nullptr ? std::string("null") : std::string());
+    if (model == nullptr) {
+        return true;
+    }
+    if (injectedFailure("larodDeleteModel", LAROD_ERROR_DELETE_MODEL, error)) {
+        record.fail();
+        return false;
+    }
+    if (conn == nullptr) {
+        setError(error, invalidArgument(), "the connection is null");
+        record.fail();
+        return false;
+    }
+    if (conn->models.erase(model->id) == 0) {
+        setError(error, LAROD_ERROR_MODEL_NOT_FOUND,
+                 "model \"" + model->name + "\" is not loaded on this connection");
+        record.fail();
+        return false;
+    }
+    return true;
+}
+
+extern "C" void larodDestroyModel(larodModel** model) {
+    CallRecord record("larodDestroyModel",
+                      model == nullptr || *model == nullptr ? std::string("null") : std::string());
+    if (model == nullptr || *model == nullptr) {
+        return;
+    }
+    delete *model;
+    *model = nullptr;
+}
+
+extern "C" size_t larodGetModelNumInputs(const larodModel* model, larodError** error) {
+    CallRecord record("larodGetModelNumInputs");
+    if (injectedFailure("larodGetModelNumInputs", LAROD_ERROR_MODEL_NOT_FOUND, error) ||
+        model == nullptr) {
+        if (model == nullptr) {
+            setError(error, invalidArgument(), "the model is null");
+        }
+        record.fail();
+        return 0;
+    }
+    return model->inputs.size();
+}
+
+extern "C" size_t larodGetModelNumOutputs(const larodModel* model, larodError** error) {
+    CallRecord record("larodGetModelNumOutputs");
+    if (injectedFailure("larodGetModelNumOutputs", LAROD_ERROR_MODEL_NOT_FOUND, error) ||
+        model == nullptr) {
+        if (model == nullptr) {
+            setError(error, invalidArgument(), "the model is null");
+        }
+        record.fail();
+        return 0;
+    }
+    return model->outputs.size();
+}
+
+// ---------------------------------------------------------------------------------------------
+// Tensors
+
+extern "C" larodTensor** larodCreateModelInputs(const larodModel* model, size_t* numTensors,
+                                                larodError** error) {
+    CallRecord record("larodCreateModelInputs");
+    if (injectedFailure("larodCreateModelInputs", LAROD_ERROR_ALLOC, error)) {
+        record.fail();
+        return nullptr;
+    }
+    if (model == nullptr) {
+        setError(error, invalidArgument(), "the model is null");
+        record.fail();
+        return nullptr;
+    }
+    record.setDetail(std::to_string(model->inputs.size()));
+    return createTensors(model->inputs, Role::Input, numTensors);
+}
+
+extern "C" larodTensor** larodCreateModelOutputs(const larodModel* model, size_t* numTensors,
+                                                 larodError** error) {
+    CallRecord record("larodCreateModelOutputs");
+    if (injectedFailure("larodCreateModelOutputs", LAROD_ERROR_ALLOC, error)) {
+        record.fail();
+        return nullptr;
+    }
+    if (model == nullptr) {
+        setError(error, invalidArgument(), "the model is null");
+        record.fail();
+        return nullptr;
+    }
+    record.setDetail(std::to_string(model->outputs.size()));
+    return createTensors(model->outputs, Role::Output, numTensors);
+}
+
+extern "C" bool larodDestroyTensors(larodConnection* conn, larodTensor*** tensors,
+                                    size_t numTensors, larodError** error) {
+    (void)conn; // tensors live on the client side
+    CallRecord record("larodDestroyTensors");
+    if (tensors == nullptr || *tensors == nullptr) {
+        record.setDetail("null");
+        return true;
+    }
+    larodTensor** array = *tensors;
+    std::string detail = numTensors > 0 && array[0] != nullptr && array[0]->role == Role::Output
+                             ? "outputs"
+                             : "inputs";
+    bool anyBound = false;
+    bool anyOpen = false;
+    for (std::size_t i = 0; i < numTensors; ++i) {
+        if (array[i] != nullptr && array[i]->fd != LAROD_INVALID_FD) {
+            anyBound = true;
+            anyOpen = anyOpen || descriptorOpen(array[i]->fd);
+        }
+    }
+    if (anyBound) {
+        detail += anyOpen ? ", files open" : ", files closed";
+    }
+    record.setDetail(detail);
+    // A requested failure is reported, but the tensors are released all the same.
+    const bool failed = injectedFailure("larodDestroyTensors", invalidArgument(), error);
+    for (std::size_t i = 0; i < numTensors; ++i) {
+        delete array[i];
+    }
+    delete[] array;
+    *tensors = nullptr;
+    if (failed) {
+        record.fail();
+        return false;
+    }
+    return true;
+}
+
+extern "C" const larodTensorDims* larodGetTensorDims(const larodTensor* tensor,
+                                                     larodError** error) {
+    CallRecord record("larodGetTensorDims", tensor != nullptr ? tensorLabel(tensor) : "null");
+    if (injectedFailure("larodGetTensorDims", invalidArgument(), error) || tensor == nullptr) {
+        if (tensor == nullptr) {
+            setError(error, invalidArgument(), "the tensor is null");
+        }
+        record.fail();
+        return nullptr;
+    }
+    return &tensor->info.dims;
+}
+
+extern "C" const larodTensorPitches* larodGetTensorPitches(const larodTensor* tensor,
+                                                           larodError** error) {
+    CallRecord record("larodGetTensorPitches", tensor != nullptr ? tensorLabel(tensor) : "null");
+    if (injectedFailure("larodGetTensorPitches", invalidArgument(), error) || tensor == nullptr) {
+        if (tensor == nullptr) {
+            setError(error, invalidArgument(), "the tensor is null");
+        }
+        record.fail();
+        return nullptr;
+    }
+    return &tensor->info.pitches;
+}
+
+extern "C" larodTensorDataType larodGetTensorDataType(const larodTensor* tensor,
+                                                      larodError** error) {
+    CallRecord record("larodGetTensorDataType", tensor != nullptr ? tensorLabel(tensor) : "null");
+    if (injectedFailure("larodGetTensorDataType", invalidArgument(), error) || tensor == nullptr) {
+        if (tensor == nullptr) {
+            setError(error, invalidArgument(), "the tensor is null");
+        }
+        record.fail();
+        return LAROD_TENSOR_DATA_TYPE_INVALID;
+    }
+    return tensor->info.dataType;
+}
+
+extern "C" larodTensorLayout larodGetTensorLayout(const larodTensor* tensor, larodError** error) {
+    CallRecord record("larodGetTensorLayout", tensor != nullptr ? tensorLabel(tensor) : "null");
+    if (injectedFailure("larodGetTensorLayout", invalidArgument(), error) || tensor == nullptr) {
+        if (tensor == nullptr) {
+            setError(error, invalidArgument(), "the tensor is null");
+        }
+        record.fail();
+        return LAROD_TENSOR_LAYOUT_INVALID;
+    }
+    return tensor->info.layout;
+}
+
+extern "C" bool larodGetTensorByteSize(const larodTensor* tensor, size_t* byteSize,
+                                       larodError** error) {
+    CallRecord record("larodGetTensorByteSize", tensor != nullptr ? tensorLabel(tensor) : "null");
+    if (injectedFailure("larodGetTensorByteSize", invalidArgument(), error)) {
+        record.fail();
+        return false;
+    }
+    if (tensor == nullptr || byteSize == nullptr) {
+        setError(error, invalidArgument(), "the tensor or the size pointer is null");
+        record.fail();
+        return false;
+    }
+    *byteSize = tensor->info.byteSize;
+    return true;
+}
+
+extern "C" bool larodSetTensorFd(larodTensor* tensor, int fd, larodError** error) {
+    CallRecord record("larodSetTensorFd", tensor != nullptr ? tensorLabel(tensor) : "null");
+    if (injectedFailure("larodSetTensorFd", LAROD_ERROR_FD, error)) {
+        record.fail();
+        return false;
+    }
+    if (tensor == nullptr) {
+        setError(error, invalidArgument(), "the tensor is null");
+        record.fail();
+        return false;
+    }
+    if (fd < 0) {
+        setError(error, LAROD_ERROR_FD, "invalid file descriptor " + std::to_string(fd));
+        record.fail();
+        return false;
+    }
+    tensor->fd = fd;
+    return true;
+}
+
+extern "C" int larodGetTensorFd(const larodTensor* tensor, larodError** error) {
+    CallRecord record("larodGetTensorFd", tensor != nullptr ? tensorLabel(tensor) : "null");
+    if (injectedFailure("larodGetTensorFd", LAROD_ERROR_FD, error) || tensor == nullptr) {
+        if (tensor == nullptr) {
+            setError(error, invalidArgument(), "the tensor is null");
+        }
+        record.fail();
+        return LAROD_INVALID_FD;
+    }
+    return tensor->fd;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Parameter maps
+
+extern "C" larodMap* larodCreateMap(larodError** error) {
+    CallRecord record("larodCreateMap");
+    if (injectedFailure("larodCreateMap", LAROD_ERROR_ALLOC, error)) {
+        record.fail();
+        return nullptr;
+    }
+    return new larodMap();
+}
+
+extern "C" void larodDestroyMap(larodMap** map) {
+    CallRecord record("larodDestroyMap",
+                      map == nullptr || *map == nullptr ? std::string("null") : std::string());
+    if (map == nullptr || *map == nullptr) {
+        return;
+    }
+    delete *map;
+    *map = nullptr;
+}
+
+extern "C" bool larodMapSetStr(larodMap* map, const char* key, const char* value,
+                               larodError** error) {
+    CallRecord record("larodMapSetStr", key != nullptr ? key : "null");
+    if (injectedFailure("larodMapSetStr", invalidArgument(), error)) {
+        record.fail();
+        return false;
+    }
+    if (map == nullptr || key == nullptr || value == nullptr) {
+        setError(error, invalidArgument(), "the map, key or value is null");
+        record.fail();
+        return false;
+    }
+    map->integers.erase(key);
+    map->strings[key] = value;
+    return true;
+}
+
+extern "C" bool larodMapSetInt(larodMap* map, const char* key, int64_t value, larodError** error) {
+    CallRecord record("larodMapSetInt", key != nullptr ? key : "null");
+    if (injectedFailure("larodMapSetInt", invalidArgument(), error)) {
+        record.fail();
+        return false;
+    }
+    if (map == nullptr || key == nullptr) {
+        setError(error, invalidArgument(), "the map or key is null");
+        record.fail();
+        return false;
+    }
+    map->strings.erase(key);
+    map->integers[key] = value;
+    return true;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Jobs
+
+extern "C" larodJobRequest* larodCreateJobRequest(const larodModel* model,
+                                                  larodTensor** inputTensors, size_t numInputs,
+                                                  larodTensor** outputTensors, size_t numOutputs,
+                                                  larodMap* params, larodError** error) {
+    (void)params; // the engine takes no job parameters
+    CallRecord record("larodCreateJobRequest");
+    if (injectedFailure("larodCreateJobRequest", LAROD_ERROR_ALLOC, error)) {
+        record.fail();
+        return nullptr;
+    }
+    if (model == nullptr) {
+        setError(error, invalidArgument(), "the model is null");
+        record.fail();
+        return nullptr;
+    }
+    if (!checkTensors(inputTensors, numInputs, model->inputs, "input", error) ||
+        !checkTensors(outputTensors, numOutputs, model->outputs, "output", error)) {
+        record.fail();
+        return nullptr;
+    }
+    auto request = std::make_unique<larodJobRequest>();
+    request->modelId = model->id;
+    for (std::size_t i = 0; i < numInputs; ++i) {
+        request->inputs.push_back(*inputTensors[i]);
+    }
+    for (std::size_t i = 0; i < numOutputs; ++i) {
+        request->outputs.push_back(*outputTensors[i]);
+    }
+    return request.release();
+}
+
+extern "C" void larodDestroyJobRequest(larodJobRequest** jobReq) {
+    CallRecord record("larodDestroyJobRequest", jobReq == nullptr || *jobReq == nullptr
+                                                    ? std::string("null")
+                                                    : std::string());
+    if (jobReq == nullptr || *jobReq == nullptr) {
+        return;
+    }
+    delete *jobReq;
+    *jobReq = nullptr;
+}
+
+namespace {
+
+// Fills size bytes from the descriptor, starting at offset 0, without moving its position.
+bool readInput(int fd, void* data, std::size_t size, std::string& problem, larodErrorCode& code) {
+    auto* bytes = static_cast<std::uint8_t*>(data);
+    std::size_t done = 0;
+    while (done < size) {
+        const ssize_t got = pread(fd, bytes + done, size - done, static_cast<off_t>(done));
+        if (got < 0 && errno == EINTR) {
+            continue;
+        }
+        if (got < 0) {
+            problem = std::string("cannot read: ") + std::strerror(errno);
+            code = errno == EBADF ? LAROD_ERROR_FD : LAROD_ERROR_JOB;
+            return false;
+        }
+        if (got == 0) {
+            problem = "the file holds " + std::to_string(done) + " of the tensor's " +
+                      std::to_string(size) + " bytes";
+            code = LAROD_ERROR_JOB;
+            return false;
+        }
+        done += static_cast<std::size_t>(got);
+    }
+    return true;
+}
+
+// Writes size bytes at the descriptor's current position, moving it on.
+bool writeOutput(int fd, const void* data, std::size_t size, std::string& problem,
+                 larodErrorCode& code) {
+    const auto* bytes = static_cast<const std::uint8_t*>(data);
+    std::size_t done = 0;
+    while (done < size) {
+        const ssize_t put = write(fd, bytes + done, size - done);
+        if (put < 0 && errno == EINTR) {
+            continue;
+        }
+        if (put <= 0) {
+            problem = std::string("cannot write: ") + std::strerror(put < 0 ? errno : EIO);
+            code = put < 0 && errno == EBADF ? LAROD_ERROR_FD : LAROD_ERROR_JOB;
+            return false;
+        }
+        done += static_cast<std::size_t>(put);
+    }
+    return true;
+}
+
+} // namespace
+
+extern "C" bool larodRunJob(larodConnection* conn, const larodJobRequest* jobReq,
+                            larodError** error) {
+    CallRecord record("larodRunJob");
+    auto fail = [&](larodErrorCode code, const std::string& message) {
+        setError(error, code, message);
+        record.fail();
+        return false;
+    };
+    if (injectedFailure("larodRunJob", LAROD_ERROR_JOB, error)) {
+        record.fail();
+        return false;
+    }
+    if (conn == nullptr || jobReq == nullptr) {
+        return fail(invalidArgument(), "the connection or the job request is null");
+    }
+    const auto found = conn->models.find(jobReq->modelId);
+    if (found == conn->models.end()) {
+        return fail(LAROD_ERROR_MODEL_NOT_FOUND,
+                    "the job's model is not loaded on this connection");
+    }
+    ServiceModel& model = *found->second;
+    TfLiteInterpreter* interpreter = model.interpreter.get();
+
+    std::string problem;
+    larodErrorCode code = LAROD_ERROR_JOB;
+    for (std::size_t i = 0; i < jobReq->inputs.size(); ++i) {
+        const int fd = jobReq->inputs[i].fd;
+        if (fd == LAROD_INVALID_FD) {
+            return fail(LAROD_ERROR_FD,
+                        "input tensor " + std::to_string(i) + " has no file descriptor");
+        }
+        TfLiteTensor* tensor = TfLiteInterpreterGetInputTensor(interpreter, static_cast<int>(i));
+        if (!readInput(fd, TfLiteTensorData(tensor), TfLiteTensorByteSize(tensor), problem, code)) {
+            return fail(code, "input tensor " + std::to_string(i) + ": " + problem);
+        }
+    }
+    model.engineMessage.clear();
+    if (TfLiteInterpreterInvoke(interpreter) != kTfLiteOk) {
+        return fail(LAROD_ERROR_JOB, "inference failed: " + model.engineMessage);
+    }
+    for (std::size_t i = 0; i < jobReq->outputs.size(); ++i) {
+        const int fd = jobReq->outputs[i].fd;
+        if (fd == LAROD_INVALID_FD) {
+            return fail(LAROD_ERROR_FD,
+                        "output tensor " + std::to_string(i) + " has no file descriptor");
+        }
+        const TfLiteTensor* tensor =
+            TfLiteInterpreterGetOutputTensor(interpreter, static_cast<int>(i));
+        if (!writeOutput(fd, TfLiteTensorData(tensor), TfLiteTensorByteSize(tensor), problem,
+                         code)) {
+            return fail(code, "output tensor " + std::to_string(i) + ": " + problem);
+        }
+    }
+    return true;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Host controls
+
+extern "C" void stemlib_host_larod_clear_log(void) {
+    CallLog& log = callLog();
+    std::lock_guard<std::mutex> lock(log.mutex);
+    log.entries.clear();
+}
+
+extern "C" char* stemlib_host_larod_log(void) {
+    CallLog& log = callLog();
+    std::lock_guard<std::mutex> lock(log.mutex);
+    std::string text;
+    for (const std::string& entry : log.entries) {
+        text += entry;
+        text += '\n';
+    }
+    return strdup(text.c_str());
+}
