@@ -23,7 +23,7 @@ if(NOT STEMLIB_TFLITE_INCLUDE_DIR OR NOT STEMLIB_TFLITE_LIBRARY)
         "(or scripts/fetch-tflite.sh), or point STEMLIB_TFLITE_DIR at its include/ and lib/.")
 endif()
 
-add_library(stemlib_tflite SHARED IMPORTED)
+add_library(stemlib_tflite SHARED IMPORTED GLOBAL)
 set_target_properties(stemlib_tflite PROPERTIES
     IMPORTED_LOCATION "${STEMLIB_TFLITE_LIBRARY}"
     IMPORTED_SONAME "libtensorflowlite_c.so"
