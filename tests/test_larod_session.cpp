@@ -346,8 +346,12 @@ TEST(LarodDetectorBase, SharesTheSessionUnderItsOwnName) {
         EXPECT_TRUE(hasLine(logger, "info",
                             "logTensorInfo: Input Image: dims [1, 300, 300, 3], data type UINT8, "
                             "layout NHWC, 270000 bytes"));
-        const std::uint8_t bytes[] = {1, 2, 250};
-        detector.logTensorData(detector.inputTensor(), bytes, "Input Image");
+        std::vector<std::uint8_t> picture(270000, 9);
+        picture[1] = 250;
+        detector.logTensorData(detector.inputTensor(), picture.data(), "Input Image");
+        EXPECT_TRUE(hasLine(logger, "info",
+                            "logTensorData: Input Image: 9 250 9 9 9 9 9 9 9 9 9 9 9 9 9 9 "
+                            "(270000 bytes, UINT8)"));
     }
     EXPECT_TRUE(
         hasLine(logger, "info", "~LarodDetectorBase: LarodDetectorBase destructor called."));

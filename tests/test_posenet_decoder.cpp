@@ -360,7 +360,7 @@ TEST(PosenetDecoder, APoseOnTopOfAnotherIsSoftSuppressed) {
 }
 
 TEST(PosenetDecoder, NonFiniteTensorsGiveNoUndefinedBehaviour) {
-    PoseGrid grid(6, 7);
+    PoseGrid grid(8, 7);
     grid.addPose(person(0, 1), 4.0f);
     const float nan = std::numeric_limits<float>::quiet_NaN();
     const float inf = std::numeric_limits<float>::infinity();
