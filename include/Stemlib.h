@@ -25,6 +25,7 @@
 #include "Keypoint.h"
 #include "LarodDetectorBase.h"
 #include "LarodModelBase.h"
+#include "LarodObjectDetector.h"
 #include "Localization.h"
 #include "Location.h"
 #include "Logger.h"

@@ -41,8 +41,7 @@ void endLarodSession(const LarodSessionFields& fields, const std::string& destru
                      const std::string& className);
 
 std::string getDefaultLarodDeviceName(larodConnection* connection);
-const larodDevice* getLarodDeviceByName(larodConnection* connection,
-                                        const std::string& deviceName);
+const larodDevice* getLarodDeviceByName(larodConnection* connection, const std::string& deviceName);
 void logLarodDevices(larodConnection* connection);
 void bindLarodTensorToFile(larodTensor* tensor, const std::unique_ptr<MemoryMappedFile>& pMMFile,
                            const std::string& tensorName);
