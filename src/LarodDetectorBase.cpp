@@ -3,6 +3,7 @@
 #include "LarodSession.h"
 #include "ObjectDetection.h"
 #include "Points.h"
+#include "PoseBase.h"
 
 #include <cstdint>
 #include <cstring>
@@ -210,5 +211,6 @@ void LarodDetectorBase<T>::requireTensors(std::size_t numInputs, std::size_t num
 }
 
 template class LarodDetectorBase<ObjectDetection>;
+template class LarodDetectorBase<PoseDetectionBase<BodypixBodyPart>>;
 
 } // namespace Ombrel
