@@ -1,0 +1,223 @@
+// The panoramic pose detectors: one inference over a mosaic of patches, skeletons back in the
+// source image's coordinates, the largest skeleton kept in each cell, and the dropping of
+// skeletons that map to no patch.
+#include "HostInference.h"
+
+#ifdef STEMLIB_TEST_HOST_LAROD
+
+#include "BodypixPanoPoseDetector.h"
+#include "ImageBufferFrameSource.h"
+#include "LogLines.h"
+#include "PosePainting.h"
+#include "PosenetPanoDetector.h"
+#include "ScopedLogger.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <memory>
+
+using namespace Ombrel;
+using namespace StemlibTest;
+
+namespace {
+
+using PoseDetection = PoseDetectionBase<BodypixBodyPart>;
+
+// A mosaic whose patches come from a 1920 x 1080 picture and whose pixels are then painted
+// over with a model's tensors.
+struct PaintedMosaic {
+    ImageBufferFrameSource camera{Resolution(1920, 1080)};
+    PanoImageFrameSource mosaic;
+
+    PaintedMosaic(const Resolution& size, const Resolution& grid, const IRectangles& patches)
+        : mosaic(size) {
+        camera.zeroImageBuffer();
+        mosaic.setGridResolution(grid);
+        mosaic.loadImagePatches(camera, patches);
+        EXPECT_EQ(mosaic.getNumberOfLoadedPatches(), patches.size());
+    }
+    void paint(const std::vector<std::uint8_t>& bytes) {
+        ASSERT_EQ(bytes.size(), static_cast<std::size_t>(mosaic.getResolution().area()) * 3);
+        std::memcpy(mosaic.getImageData(), bytes.data(), bytes.size());
+    }
+};
+
+// The expected result: the mosaic's poses mapped back, without those that map to nothing.
+std::vector<PoseDetection> mappedBack(const std::vector<PoseDetection>& poses,
+                                      const PanoImageFrameSource& mosaic) {
+    std::vector<PoseDetection> result;
+    for (const PoseDetection& pose : poses) {
+        const Skeleton<BodypixBodyPart> skeleton = mosaic.inverseMapSkeleton(pose.skeleton);
+        const IBoundingBox box = skeleton.getBoundingBox();
+        if (box.width > 0 && box.height > 0) {
+            result.emplace_back(skeleton, box, pose.confidence);
+        }
+    }
+    return result;
+}
+
+bool inside(const PoseDetection& pose, const IRectangle& rectangle) {
+    const IBoundingBox& box = pose.boundingBox;
+    return box.x >= rectangle.x && box.y >= rectangle.y &&
+           box.x + box.width <= rectangle.x + rectangle.width &&
+           box.y + box.height <= rectangle.y + rectangle.height;
+}
+
+TEST(PosenetPanoDetector, FindsPeopleInEveryPatchInSourceCoordinates) {
+    const modelforge::PassThroughModel model = modelforge::posenetPassThrough();
+    const PoseTensorLayout layout{23,
+                                  31,
+                                  model.output("heatmaps").inputOffset,
+                                  &posenetHeatmapDequantizer,
+                                  model.output("short_offsets").inputOffset,
+                                  &posenetShortOffsetDequantizer,
+                                  model.output("mid_offsets").inputOffset,
+                                  &posenetMidOffsetDequantizer};
+    const IRectangles patches = {IRectangle(100, 40, 680, 1000), IRectangle(1000, 40, 680, 1000)};
+    PaintedMosaic mosaic(Resolution(481, 353), Resolution(2, 1), patches);
+    PosePicture picture(model.inputBytes(), layout);
+    picture.addPerson(gridPerson(2, 2, 2), 255);   // in the left cell
+    picture.addPerson(gridPerson(12, 18, 2), 230); // in the right cell
+    mosaic.paint(picture.bytes);
+
+    RecordingLogger logger;
+    ScopedLogger scope(logger);
+    auto detector = std::make_unique<PosenetPanoDetector>(forgedModel("posenet_481x353"), "");
+    ASSERT_TRUE(detector->initialize());
+    const IRectangle whole(0, 0, 481, 353);
+    const auto detections = detector->detect(mosaic.mosaic);
+    expectSamePoses(detections,
+                    mappedBack(expectedPoses(picture, layout, 0.5f, Resolution(481, 353), &whole),
+                               mosaic.mosaic));
+    ASSERT_EQ(detections.size(), 2u);
+    EXPECT_TRUE(inside(detections[0], patches[0]));
+    EXPECT_TRUE(inside(detections[1], patches[1]));
+    EXPECT_TRUE(
+        hasLine(logger, "info", "inverseMapDetections: Inverse Mapping 2 Pano Detections."));
+    EXPECT_TRUE(hasLine(logger, "info",
+                        "PosenetPanoDetector: PosenetPanoDetector::PosenetPanoDetector: "
+                        "modelFilepath " +
+                            forgedModel("posenet_481x353")));
+
+    // Detect with a rectangle still works as the base detector's.
+    EXPECT_EQ(detector->detect(mosaic.mosaic, whole).size(), 2u);
+    detector.reset();
+    EXPECT_TRUE(
+        hasLine(logger, "info", "~PosenetPanoDetector: PosenetPanoDetector destructor called"));
+}
+
+TEST(PosenetPanoDetector, DropsSkeletonsThatMapToNoPatchAndPassesFailuresOn) {
+    PaintedMosaic mosaic(Resolution(481, 353), Resolution(2, 1),
+                         {IRectangle(0, 0, 680, 1000), IRectangle(1000, 0, 680, 1000)});
+    auto detector = std::make_unique<PosenetPanoDetector>(forgedModel("posenet_481x353"), "");
+    Keypoints inCell;
+    Keypoints outside;
+    for (BodypixBodyPart part : BodyParts) {
+        const int k = static_cast<int>(part);
+        inCell.add(Keypoint(IPoint(20 + k, 30 + 2 * k), part, 0.9f));
+        outside.add(Keypoint(IPoint(-2000 - k, -2000 - k), part, 0.9f));
+    }
+    const Skeleton<BodypixBodyPart> kept(inCell);
+    const Skeleton<BodypixBodyPart> lost(outside);
+    const std::vector<PoseDetection> detections = {
+        PoseDetection(lost, lost.getBoundingBox(), 0.8f),
+        PoseDetection(kept, kept.getBoundingBox(), 0.0f)};
+    const auto mapped = detector->inverseMapDetections(detections, mosaic.mosaic);
+    ASSERT_EQ(mapped.size(), 1u);
+    EXPECT_EQ(mapped[0].confidence, 0.0f); // a suppressed detection is passed on, not removed
+
+    // Without a session the base detect gives nothing, and so does the panoramic one.
+    RecordingLogger logger;
+    ScopedLogger scope(logger);
+    EXPECT_TRUE(detector->detect(mosaic.mosaic).empty());
+    EXPECT_TRUE(hasLine(logger, "error", "detect: The model is not initialized"));
+}
+
+// A skeleton with shoulders at (x, top), hips at (x, top + size / 2) and ankles at
+// (x, top + size), all joints scored score, except the hips, scored hipScore.
+PoseDetection standing(int x, int top, int size, float hipScore, float confidence,
+                       float score = 0.9f) {
+    Keypoints keypoints;
+    for (BodypixBodyPart part : BodyParts) {
+        int y = top;
+        float s = score;
+        if (part == BodypixBodyPart::LeftHip || part == BodypixBodyPart::RightHip) {
+            y = top + size / 2;
+            s = hipScore;
+        } else if (part == BodypixBodyPart::LeftAnkle || part == BodypixBodyPart::RightAnkle) {
+            y = top + size;
+        }
+        const int side = static_cast<int>(part) % 2 == 1 ? -5 : 5;
+        keypoints.add(Keypoint(IPoint(x + side, y), part, s));
+    }
+    const Skeleton<BodypixBodyPart> skeleton(keypoints);
+    return PoseDetection(skeleton, skeleton.getBoundingBox(), confidence);
+}
+
+TEST(BodypixPanoPoseDetector, KeepsTheLargestSkeletonOfEachCell) {
+    // A 1281 x 721 mosaic of 2 x 2 cells of 640 x 360.
+    PaintedMosaic mosaic(Resolution(1281, 721), Resolution(2, 2), {});
+    auto detector = std::make_unique<BodypixPanoPoseDetector>(forgedModel("bodypix_1281x721"), "");
+    std::vector<PoseDetection> detections = {
+        standing(100, 50, 100, 0.9f, 0.9f),        // 0: cell 0
+        standing(300, 50, 100, 0.9f, 0.8f),        // 1: cell 0, same size: loses to 0
+        standing(900, 50, 80, 0.9f, 0.7f),         // 2: cell 1
+        standing(1000, 40, 120, 0.9f, 0.6f),       // 3: cell 1, larger: wins over 2
+        standing(200, 100, 50, 0.1f, 0.5f),        // 4: hips too weak: takes no part
+        standing(-900, 10, 40, 0.9f, 0.4f),        // 5: centre in no cell
+        standing(200, 400, 90, 0.9f, 0.3f),        // 6: alone in cell 2
+        standing(150, 20, 250, 0.9f, 0.2f, 0.15f), // 7: cell 0, size 0 without shoulders
+    };
+    detector->retainLargestDetectionInEachCell(detections, mosaic.mosaic);
+    const float expected[] = {0.9f, 0.0f, 0.0f, 0.6f, 0.5f, 0.4f, 0.3f, 0.0f};
+    ASSERT_EQ(detections.size(), 8u);
+    for (std::size_t i = 0; i < detections.size(); ++i) {
+        EXPECT_FLOAT_EQ(detections[i].confidence, expected[i]) << i;
+    }
+}
+
+TEST(BodypixPanoPoseDetector, OneInferenceOverFourCells) {
+    const modelforge::PassThroughModel model = modelforge::bodypixPassThrough();
+    const PoseTensorLayout layout{46,
+                                  81,
+                                  model.output("heatmaps").inputOffset,
+                                  &heatmapDequantizer,
+                                  model.output("short_offsets").inputOffset,
+                                  &shortOffsetDequantizer,
+                                  model.output("mid_offsets").inputOffset,
+                                  &midOffsetDequantizer};
+    const IRectangles patches = {IRectangle(0, 0, 960, 540), IRectangle(960, 0, 960, 540),
+                                 IRectangle(0, 540, 960, 540), IRectangle(960, 540, 960, 540)};
+    PaintedMosaic mosaic(Resolution(1281, 721), Resolution(2, 2), patches);
+    PosePicture picture(model.inputBytes(), layout);
+    picture.addPerson(gridPerson(2, 2, 2), 255);   // large, cell 0
+    picture.addPerson(gridPerson(12, 20, 1), 250); // small, cell 0: loses
+    picture.addPerson(gridPerson(30, 55, 2), 245); // cell 3
+    mosaic.paint(picture.bytes);
+
+    auto detector = std::make_unique<BodypixPanoPoseDetector>(forgedModel("bodypix_1281x721"), "");
+    ASSERT_TRUE(detector->initialize());
+    const auto detections = detector->detect(mosaic.mosaic);
+
+    const IRectangle whole(0, 0, 1281, 721);
+    std::vector<PoseDetection> expected =
+        expectedPoses(picture, layout, 0.5f, Resolution(1281, 721), &whole);
+    detector->retainLargestDetectionInEachCell(expected, mosaic.mosaic);
+    expectSamePoses(detections, mappedBack(expected, mosaic.mosaic));
+    ASSERT_EQ(detections.size(), 3u);
+    int suppressed = 0;
+    for (const PoseDetection& detection : detections) {
+        if (detection.confidence == 0.0f) {
+            ++suppressed;
+            EXPECT_TRUE(inside(detection, patches[0]));
+        } else {
+            EXPECT_TRUE(inside(detection, patches[0]) || inside(detection, patches[3]));
+        }
+    }
+    EXPECT_EQ(suppressed, 1);
+}
+
+} // namespace
+
+#endif
