@@ -225,6 +225,13 @@ TEST(LarodModelBase, EveryStartFailureThrowsItsTextAndLeavesTheRestToTheDestruct
           "getDeviceByName: No suitable device found for input device name: ",
           "initializeFromModelPath: Failed to get device by name . "},
          nothingAcquired},
+        {"no devices",
+         []() {},
+         plain,
+         "Failed to get device by name . ",
+         {"getDefaultDeviceName: No devices found", "getDeviceByName: No devices found",
+          "initializeFromModelPath: Failed to get device by name . "},
+         nothingAcquired},
         {"device list",
          fail("larodListDevices", "list lost"),
          plain,
@@ -262,6 +269,15 @@ TEST(LarodModelBase, EveryStartFailureThrowsItsTextAndLeavesTheRestToTheDestruct
          {"larodDestroyJobRequest null", "larodDestroyTensors inputs",
           "larodDestroyTensors outputs", "larodDeleteModel", "larodDestroyModel",
           "larodDisconnect"}},
+        {"dimensions",
+         fail("larodGetTensorDims", "no dimensions"),
+         plain,
+         "Failed to get the input tensor's height and width. no dimensions",
+         {"initializeFromModelPath: Failed to get the input tensor's height and width. no "
+          "dimensions"},
+         {"larodDestroyJobRequest null", "larodDestroyTensors inputs",
+          "larodDestroyTensors outputs", "larodDeleteModel", "larodDestroyModel",
+          "larodDisconnect"}},
         {"job request",
          fail("larodCreateJobRequest", "no job"),
          plain,
@@ -273,9 +289,10 @@ TEST(LarodModelBase, EveryStartFailureThrowsItsTextAndLeavesTheRestToTheDestruct
     };
     for (const StartFailure& c : cases) {
         SCOPED_TRACE(c.name);
-        HostCameraScope camera(c.name == "no accelerator" ? "larod.devices = cpu-tflite\n"
-                                                          : "larod.devices = cpu-tflite, "
-                                                            "a9-dlpu-tflite\n");
+        const char* devices = c.name == "no accelerator" ? "cpu-tflite"
+                              : c.name == "no devices"   ? ""
+                                                         : "cpu-tflite, a9-dlpu-tflite";
+        HostCameraScope camera(std::string("larod.devices = ") + devices + "\n");
         c.arrange();
         RecordingLogger logger;
         ScopedLogger scope(logger);

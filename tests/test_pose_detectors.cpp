@@ -303,6 +303,36 @@ TEST(Bodypix_320W_240H_PoseDetector, ReadsTheDisplacementsAsOneConcatenatedArray
             "called"}));
 }
 
+TEST(Bodypix_320W_240H_PoseDetector, FailuresOfDetectGiveOneLineAndNothing) {
+    FailureScope failures;
+    PosePicture picture(modelforge::bodypix320PassThrough().inputBytes(), bodypix320Layout());
+    picture.addPerson(gridPerson(0, 1, 1), 255);
+    PaintedFrameSource source(Resolution(640, 480), Resolution(320, 240), picture.bytes);
+    auto detector =
+        std::make_unique<Bodypix_320W_240H_PoseDetector>(forgedModel("bodypix_320x240"));
+    RecordingLogger logger;
+    ScopedLogger scope(logger);
+    const IRectangle rectangle(0, 0, 640, 480);
+    EXPECT_TRUE(detector->detect(source, rectangle).empty());
+    ASSERT_TRUE(detector->initialize());
+    source.fail = true;
+    EXPECT_TRUE(detector->detect(source, rectangle).empty());
+    source.fail = false;
+    stemlib_host_set_failure("larodRunJob", "thermal shutdown");
+    EXPECT_TRUE(detector->detect(source, rectangle).empty());
+    stemlib_host_set_failure("larodRunJob", nullptr);
+    // The grid comes from the service: without it there is nothing to decode.
+    stemlib_host_set_failure("larodGetTensorDims", "no dimensions");
+    EXPECT_TRUE(detector->detect(source, rectangle).empty());
+    stemlib_host_clear_failures();
+    EXPECT_EQ(linesAt(logger, "error"),
+              (std::vector<std::string>{"detect: The model is not initialized",
+                                        "detect: Unable to getFrame",
+                                        "detect: Unable to run inference: thermal shutdown",
+                                        "detect: Unable to get tensor dimensions: no dimensions"}));
+    EXPECT_EQ(detector->detect(source, rectangle).size(), 1u);
+}
+
 // MoveNet's output is 17 rows of y, x, score: here bytes over 256 from the picture's start.
 std::vector<std::uint8_t> movenetPicture(const std::array<std::uint8_t, 51>& rows) {
     std::vector<std::uint8_t> bytes(modelforge::movenetPassThrough().inputBytes(), 7);
