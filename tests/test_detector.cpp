@@ -1,4 +1,5 @@
 // The detector interface, the overlap of object boxes and the non-maximum suppression filter.
+#include "ConstantStreamSource.h"
 #include "Detector.h"
 #include "NMSDetectionFilter.h"
 #include "ObjectDetection.h"
@@ -34,6 +35,10 @@ TEST(Detector, TheThresholdAndTheFilterMeetOnceSet) {
     DetectorBase& base = detector;
     base.setConfidenceThreshold(0.2f);
     EXPECT_FLOAT_EQ(detector.filterConfidence(), 0.2f);
+
+    // The interface alone detects nothing.
+    ConstantStreamSource source(200);
+    EXPECT_TRUE(detector.detect(source).empty());
 }
 
 TEST(ObjectDetection, OverlapIsOverTheSmallerAreaAndDistanceJoinsTheCentres) {
