@@ -6,6 +6,7 @@
 #ifdef STEMLIB_TEST_HOST_LAROD
 
 #include "AOIManager.h"
+#include "AxisVideoStreamSource.h"
 #include "Bodypix_320W_240H_PoseDetector.h"
 #include "ImageBufferFrameSource.h"
 #include "LarodObjectDetector.h"
@@ -16,7 +17,10 @@
 
 #include <gtest/gtest.h>
 
+#include <opencv2/imgcodecs.hpp>
+
 #include <cmath>
+#include <filesystem>
 #include <memory>
 
 using namespace Ombrel;
@@ -211,6 +215,47 @@ TEST(InferenceEndToEnd, MovenetFromFrameToDwell) {
     EXPECT_FLOAT_EQ(centre.y, 384.0f);
     Scene scene(IRectangle(370, 370, 30, 30));
     scene.expectDwell(3, centre);
+}
+
+TEST(InferenceEndToEnd, MovenetFromACameraStreamToDwell) {
+    // The camera shows one picture: its first 17 pixels are grey, so that they come through the
+    // stream's NV12 frames with their value; each gives a joint at y = x = value / 256 with
+    // score value / 256. The hips are at 160 and 168.
+    cv::Mat picture(192, 192, CV_8UC3, cv::Scalar(0, 0, 0));
+    std::vector<int> values(17);
+    for (int k = 0; k < 17; ++k) {
+        values[static_cast<std::size_t>(k)] = 100 + 5 * k;
+    }
+    values[static_cast<std::size_t>(BodypixBodyPart::LeftHip)] = 160;
+    values[static_cast<std::size_t>(BodypixBodyPart::RightHip)] = 168;
+    for (int k = 0; k < 17; ++k) {
+        const auto grey = static_cast<std::uint8_t>(values[static_cast<std::size_t>(k)]);
+        picture.at<cv::Vec3b>(0, k) = cv::Vec3b(grey, grey, grey);
+    }
+    const std::string description = "channels = 1\nchannel.1.resolutions = 1920x1080, 192x192\n";
+    HostCameraScope camera(description);
+    std::filesystem::create_directory(camera.folder() + "/frames");
+    ASSERT_TRUE(cv::imwrite(camera.folder() + "/frames/0.png", picture));
+    camera.reload(description + "video.input = images:frames\n");
+
+    AxisVideoStreamSource stream(Resolution(192, 192));
+    MovenetPoseDetector detector(forgedModel("movenet_192x192"));
+    ASSERT_TRUE(detector.initialize());
+    const IRectangle analysis(0, 0, 768, 768);
+    const auto detection = detector.detect(stream, analysis);
+    ASSERT_EQ(detection.skeleton.keypoints().size(), 17u);
+    // The video service's colour conversion keeps a grey within a step or two.
+    for (BodypixBodyPart part : BodyParts) {
+        const float expected = values[static_cast<std::size_t>(part)] / 256.0f * 768.0f;
+        const auto& keypoint = detection.skeleton.keypoints().get(part);
+        EXPECT_NEAR(static_cast<float>(keypoint.point.x), expected, 7.0f) << toString(part);
+        EXPECT_NEAR(static_cast<float>(keypoint.point.y), expected, 7.0f) << toString(part);
+    }
+    const FPoint centre = hipCentre(detection);
+    EXPECT_NEAR(centre.x, 164.0f / 256.0f * 768.0f, 7.0f);
+    Scene scene(
+        IRectangle(static_cast<int>(centre.x) - 10, static_cast<int>(centre.y) - 10, 20, 20));
+    scene.expectDwell(5, centre);
 }
 
 } // namespace
