@@ -1,6 +1,6 @@
 // The PoseNet decoder: its small functions, the candidate queue, interpolation, displacement,
-// backtracking, soft keypoint suppression and whole decodes of synthetic grids whose poses are
-// known exactly.
+// backtracking along the edge list, and whole decodes of synthetic grids whose poses are known
+// exactly, soft keypoint suppression among them.
 #include "PosenetDecoder.h"
 
 #include <gtest/gtest.h>
@@ -17,6 +17,14 @@ namespace {
 struct Cell {
     int y;
     int x;
+};
+
+// What DecodeAllPoses wrote; poseScores is -7 where it wrote nothing.
+struct Decoded {
+    int count;
+    std::vector<PoseKeypoints> poses;
+    std::vector<PoseKeypointScores> keypointScores;
+    std::vector<float> poseScores;
 };
 
 // Float tensors of a grid: background logits, zero offsets, and poses painted in so that every
@@ -56,37 +64,28 @@ struct PoseGrid {
         }
     }
 
-    int decode(int maxDetections, float threshold, std::vector<PoseKeypoints>& poses,
-               std::vector<PoseKeypointScores>& keypointScores, std::vector<float>& poseScores,
-               float nmsRadius = 2.0f) const {
-        poses.assign(static_cast<std::size_t>(std::max(maxDetections, 1)), PoseKeypoints{});
-        keypointScores.assign(poses.size(), PoseKeypointScores{});
-        poseScores.assign(poses.size(), -7.0f);
-        return DecodeAllPoses(scores.data(), shortOffsets.data(), midOffsets.data(), height, width,
-                              maxDetections, threshold, 5, nmsRadius, 16, poses.data(),
-                              keypointScores.data(), poseScores.data());
+    Decoded decode(int maxDetections, float threshold) const {
+        Decoded d;
+        const auto size = static_cast<std::size_t>(std::max(maxDetections, 1));
+        d.poses.assign(size, PoseKeypoints{});
+        d.keypointScores.assign(size, PoseKeypointScores{});
+        d.poseScores.assign(size, -7.0f);
+        d.count = DecodeAllPoses(scores.data(), shortOffsets.data(), midOffsets.data(), height,
+                                 width, maxDetections, threshold, 5, 2.0f, 16, d.poses.data(),
+                                 d.keypointScores.data(), d.poseScores.data());
+        return d;
     }
 };
 
 // A standing person whose nose is at (top, left + 2), six rows tall and four columns wide.
 std::array<Cell, kNumKeypoints> person(int top, int left) {
-    return {{{top, left + 2},
-             {top, left + 1},
-             {top, left + 3},
-             {top + 1, left},
-             {top + 1, left + 4},
-             {top + 2, left},
-             {top + 2, left + 4},
-             {top + 3, left},
-             {top + 3, left + 4},
-             {top + 4, left},
-             {top + 4, left + 4},
-             {top + 4, left + 1},
-             {top + 4, left + 3},
-             {top + 5, left + 1},
-             {top + 5, left + 3},
-             {top + 6, left + 1},
-             {top + 6, left + 3}}};
+    const int rows[kNumKeypoints] = {0, 0, 0, 1, 1, 2, 2, 3, 3, 4, 4, 4, 4, 5, 5, 6, 6};
+    const int columns[kNumKeypoints] = {2, 1, 3, 0, 4, 0, 4, 0, 4, 0, 4, 1, 3, 1, 3, 1, 3};
+    std::array<Cell, kNumKeypoints> cells;
+    for (int k = 0; k < kNumKeypoints; ++k) {
+        cells[k] = Cell{top + rows[k], left + columns[k]};
+    }
+    return cells;
 }
 
 std::vector<KeypointWithScore> drain(DecreasingScoreKeypointPriorityQueue& queue) {
@@ -98,7 +97,7 @@ std::vector<KeypointWithScore> drain(DecreasingScoreKeypointPriorityQueue& queue
     return items;
 }
 
-TEST(PosenetDecoder, SmallFunctions) {
+TEST(PosenetDecoder, SmallFunctionsAndRootSuppression) {
     EXPECT_NEAR(Logodds(0.5f), 0.0f, 1e-5f);
     // Computed in double: -log(1 / (0.01 + 1e-6) - 1).
     EXPECT_FLOAT_EQ(Logodds(0.01f), static_cast<float>(-std::log(1.0 / (0.01f + 1e-6) - 1.0)));
@@ -117,69 +116,44 @@ TEST(PosenetDecoder, SmallFunctions) {
     EXPECT_EQ(indices, (std::vector<int>{1, 2, 0}));
     DecreasingArgSort(std::vector<float>{}, &indices);
     EXPECT_TRUE(indices.empty());
+
+    // Root suppression includes the radius.
+    PoseKeypoints accepted{};
+    accepted.keypoint[kLeftWrist] = Point{4.0f, 4.0f};
+    EXPECT_FALSE(
+        PassKeypointNMS(&accepted, 1, KeypointWithScore({4.0f, 6.0f}, kLeftWrist, 1.0f), 4.0f));
+    EXPECT_TRUE(
+        PassKeypointNMS(&accepted, 1, KeypointWithScore({4.0f, 6.1f}, kLeftWrist, 1.0f), 4.0f));
+    // Only the same keypoint type competes, and only among accepted poses.
+    EXPECT_TRUE(PassKeypointNMS(&accepted, 1, KeypointWithScore({4.0f, 4.0f}, kNose, 1.0f), 4.0f));
+    EXPECT_TRUE(
+        PassKeypointNMS(&accepted, 0, KeypointWithScore({4.0f, 4.0f}, kLeftWrist, 1.0f), 4.0f));
 }
 
-TEST(PosenetDecoder, AdjacencyFollowsTheEdgeList) {
-    const AdjacencyList list = BuildAdjacencyList();
-    ASSERT_EQ(list.child_ids.size(), 17u);
-    EXPECT_EQ(list.child_ids[kNose],
-              (std::vector<int>{kLeftEye, kRightEye, kLeftShoulder, kRightShoulder}));
-    EXPECT_EQ(list.edge_ids[kNose], (std::vector<int>{0, 2, 4, 10}));
-    EXPECT_EQ(list.child_ids[kLeftEye], (std::vector<int>{kLeftEar, kNose}));
-    EXPECT_EQ(list.edge_ids[kLeftEye], (std::vector<int>{1, 16}));
-    EXPECT_EQ(list.child_ids[kRightAnkle], (std::vector<int>{kRightKnee}));
-    EXPECT_EQ(list.edge_ids[kRightAnkle], (std::vector<int>{31}));
-    std::size_t edges = 0;
-    for (const auto& children : list.child_ids) {
-        edges += children.size();
-    }
-    EXPECT_EQ(edges, 32u);
-}
-
-TEST(PosenetDecoder, InterpolationWeightsAndCorners) {
-    int lo = 0;
-    int hi = 0;
-    float lerp = 0.0f;
-    BuildLinearInterpolation(2.25f, 5, &lo, &hi, &lerp);
-    EXPECT_EQ(lo, 2);
-    EXPECT_EQ(hi, 3);
-    EXPECT_FLOAT_EQ(lerp, 0.25f);
+// The bilinear sampling built on it is checked through FindDisplacedPosition below.
+TEST(PosenetDecoder, InterpolationWeightsAreTakenFromTheUnclampedPosition) {
     // Outside the grid the corners are clamped but the weight is not.
-    BuildLinearInterpolation(-1.0f, 5, &lo, &hi, &lerp);
-    EXPECT_EQ(lo, 0);
-    EXPECT_EQ(hi, 0);
-    EXPECT_FLOAT_EQ(lerp, -1.0f);
-    BuildLinearInterpolation(7.0f, 5, &lo, &hi, &lerp);
-    EXPECT_EQ(lo, 4);
-    EXPECT_EQ(hi, 4);
-    EXPECT_FLOAT_EQ(lerp, 3.0f);
+    const struct {
+        float x;
+        int floor;
+        int ceil;
+        float lerp;
+    } linear[] = {{2.25f, 2, 3, 0.25f}, {-1.0f, 0, 0, -1.0f}, {7.0f, 4, 4, 3.0f}};
+    for (const auto& c : linear) {
+        int lo = -1;
+        int hi = -1;
+        float lerp = 0.0f;
+        BuildLinearInterpolation(c.x, 5, &lo, &hi, &lerp);
+        EXPECT_EQ(lo, c.floor) << c.x;
+        EXPECT_EQ(hi, c.ceil) << c.x;
+        EXPECT_FLOAT_EQ(lerp, c.lerp) << c.x;
+    }
+    int lo = -1;
+    int hi = -1;
+    float lerp = 0.0f;
     BuildLinearInterpolation(std::numeric_limits<float>::quiet_NaN(), 5, &lo, &hi, &lerp);
     EXPECT_EQ(lo, 0);
     EXPECT_EQ(hi, 0);
-
-    int tl = 0;
-    int tr = 0;
-    int bl = 0;
-    int br = 0;
-    float yl = 0.0f;
-    float xl = 0.0f;
-    BuildBilinearInterpolation(1.5f, 2.0f, 3, 4, 2, &tl, &tr, &bl, &br, &yl, &xl);
-    EXPECT_EQ(tl, (1 * 4 + 2) * 2);
-    EXPECT_EQ(tr, (1 * 4 + 2) * 2);
-    EXPECT_EQ(bl, (2 * 4 + 2) * 2);
-    EXPECT_EQ(br, (2 * 4 + 2) * 2);
-    EXPECT_FLOAT_EQ(yl, 0.5f);
-    EXPECT_FLOAT_EQ(xl, 0.0f);
-
-    // A 2 x 2 grid of two channels; channel 1 holds 10 * y + x.
-    const float tensor[] = {5, 0, 5, 1, 5, 10, 5, 11};
-    EXPECT_FLOAT_EQ(SampleTensorAtSingleChannel(tensor, 2, 2, 2, Point{0.5f, 0.25f}, 1), 5.25f);
-    EXPECT_FLOAT_EQ(SampleTensorAtSingleChannel(tensor, 2, 2, 2, Point{1.0f, 1.0f}, 1), 11.0f);
-    const int channels[] = {1, 0};
-    float both[2];
-    SampleTensorAtMultipleChannels(tensor, 2, 2, 2, 0.0f, 1.0f, channels, 2, both);
-    EXPECT_FLOAT_EQ(both[0], 1.0f);
-    EXPECT_FLOAT_EQ(both[1], 5.0f);
 }
 
 TEST(PosenetDecoder, CandidatesAreLocalMaximaMovedByTheirShortOffsets) {
@@ -208,19 +182,6 @@ TEST(PosenetDecoder, CandidatesAreLocalMaximaMovedByTheirShortOffsets) {
     EXPECT_FLOAT_EQ(items[3].point.y, 3.0f);
     EXPECT_FLOAT_EQ(items[3].point.x, 2.75f);
     EXPECT_FLOAT_EQ(items[3].score, 1.0f); // the raw cell score, not resampled
-}
-
-TEST(PosenetDecoder, KeypointSuppressionIncludesTheRadius) {
-    PoseKeypoints accepted{};
-    accepted.keypoint[kLeftWrist] = Point{4.0f, 4.0f};
-    EXPECT_FALSE(
-        PassKeypointNMS(&accepted, 1, KeypointWithScore({4.0f, 6.0f}, kLeftWrist, 1.0f), 4.0f));
-    EXPECT_TRUE(
-        PassKeypointNMS(&accepted, 1, KeypointWithScore({4.0f, 6.1f}, kLeftWrist, 1.0f), 4.0f));
-    // Only the same keypoint type competes, and only among accepted poses.
-    EXPECT_TRUE(PassKeypointNMS(&accepted, 1, KeypointWithScore({4.0f, 4.0f}, kNose, 1.0f), 4.0f));
-    EXPECT_TRUE(
-        PassKeypointNMS(&accepted, 0, KeypointWithScore({4.0f, 4.0f}, kLeftWrist, 1.0f), 4.0f));
 }
 
 TEST(PosenetDecoder, DisplacementFollowsMidThenShortOffsetsWithinTheGrid) {
@@ -271,74 +232,42 @@ TEST(PosenetDecoder, BacktrackingReachesEveryKeypointAlongForwardAndBackwardEdge
     }
 }
 
-TEST(PosenetDecoder, SoftSuppressionScoresCoveredKeypointsAsZero) {
-    PoseKeypoints poses[3];
-    PoseKeypointScores scores[3];
-    for (int p = 0; p < 3; ++p) {
-        for (int k = 0; k < kNumKeypoints; ++k) {
-            poses[p].keypoint[k] = Point{static_cast<float>(k), static_cast<float>(10 * p)};
-            scores[p].keypoint[k] = 0.5f;
-        }
-    }
-    // Pose 2 lies on pose 0 except for its last four keypoints.
-    for (int k = 0; k < kNumKeypoints; ++k) {
-        poses[2].keypoint[k].x = k < 13 ? 1.0f : 50.0f;
-    }
-    std::vector<float> instanceScores;
-    PerformSoftKeypointNMS({0, 2, 1}, poses, scores, kNumKeypoints, 4.0f, 17, &instanceScores);
-    ASSERT_EQ(instanceScores.size(), 3u);
-    EXPECT_FLOAT_EQ(instanceScores[0], 0.5f);
-    EXPECT_FLOAT_EQ(instanceScores[1], 0.5f);
-    EXPECT_FLOAT_EQ(instanceScores[2], 4 * 0.5f / 17);
-
-    std::vector<bool> mask(kNumKeypoints, false);
-    FindOverlappingKeypoints(poses[0], poses[2], 1.0f, &mask);
-    EXPECT_TRUE(mask[0]);
-    EXPECT_FALSE(mask[16]);
-}
-
 TEST(PosenetDecoder, DecodesSeparatePosesInFallingOrderOfScore) {
     PoseGrid grid(23, 31);
     const auto weak = person(1, 2);
     const auto strong = person(10, 20);
     grid.addPose(weak, 1.0f);
     grid.addPose(strong, 3.0f);
-    std::vector<PoseKeypoints> poses;
-    std::vector<PoseKeypointScores> keypointScores;
-    std::vector<float> poseScores;
-    ASSERT_EQ(grid.decode(20, 0.01f, poses, keypointScores, poseScores), 2);
-    EXPECT_NEAR(poseScores[0], Sigmoid(3.0f), 1e-6f);
-    EXPECT_NEAR(poseScores[1], Sigmoid(1.0f), 1e-6f);
+    const Decoded d = grid.decode(20, 0.01f);
+    ASSERT_EQ(d.count, 2);
+    EXPECT_NEAR(d.poseScores[0], Sigmoid(3.0f), 1e-6f);
+    EXPECT_NEAR(d.poseScores[1], Sigmoid(1.0f), 1e-6f);
     for (int k = 0; k < kNumKeypoints; ++k) {
-        EXPECT_FLOAT_EQ(poses[0].keypoint[k].y, 16.0f * strong[k].y) << k;
-        EXPECT_FLOAT_EQ(poses[0].keypoint[k].x, 16.0f * strong[k].x) << k;
-        EXPECT_FLOAT_EQ(poses[1].keypoint[k].y, 16.0f * weak[k].y) << k;
-        EXPECT_FLOAT_EQ(poses[1].keypoint[k].x, 16.0f * weak[k].x) << k;
-        EXPECT_FLOAT_EQ(keypointScores[0].keypoint[k], Sigmoid(3.0f));
+        EXPECT_FLOAT_EQ(d.poses[0].keypoint[k].y, 16.0f * strong[k].y) << k;
+        EXPECT_FLOAT_EQ(d.poses[0].keypoint[k].x, 16.0f * strong[k].x) << k;
+        EXPECT_FLOAT_EQ(d.poses[1].keypoint[k].y, 16.0f * weak[k].y) << k;
+        EXPECT_FLOAT_EQ(d.poses[1].keypoint[k].x, 16.0f * weak[k].x) << k;
+        EXPECT_FLOAT_EQ(d.keypointScores[0].keypoint[k], Sigmoid(3.0f));
     }
-    EXPECT_EQ(poseScores[2], -7.0f); // untouched past the count
+    EXPECT_EQ(d.poseScores[2], -7.0f); // untouched past the count
 
     // The threshold cuts the weaker pose, and with it every later one.
-    EXPECT_EQ(grid.decode(20, 0.8f, poses, keypointScores, poseScores), 1);
+    EXPECT_EQ(grid.decode(20, 0.8f).count, 1);
     // The count is capped.
-    EXPECT_EQ(grid.decode(1, 0.01f, poses, keypointScores, poseScores), 1);
-    EXPECT_NEAR(poseScores[0], Sigmoid(3.0f), 1e-6f);
-    EXPECT_EQ(grid.decode(0, 0.01f, poses, keypointScores, poseScores), 0);
-}
-
-TEST(PosenetDecoder, AnEmptyGridWritesNothing) {
-    PoseGrid grid(5, 5);
-    std::vector<PoseKeypoints> poses;
-    std::vector<PoseKeypointScores> keypointScores;
-    std::vector<float> poseScores;
-    EXPECT_EQ(grid.decode(20, 0.01f, poses, keypointScores, poseScores), 0);
-    EXPECT_EQ(poseScores[0], -7.0f);
+    const Decoded one = grid.decode(1, 0.01f);
+    EXPECT_EQ(one.count, 1);
+    EXPECT_NEAR(one.poseScores[0], Sigmoid(3.0f), 1e-6f);
+    EXPECT_EQ(grid.decode(0, 0.01f).count, 0);
+    // An empty grid writes nothing.
+    const Decoded none = PoseGrid(5, 5).decode(20, 0.01f);
+    EXPECT_EQ(none.count, 0);
+    EXPECT_EQ(none.poseScores[0], -7.0f);
 }
 
 TEST(PosenetDecoder, APoseOnTopOfAnotherIsSoftSuppressed) {
     // A lone right-ankle peak whose backward offset leads to the first pose's right knee: its
     // pose is the first one but for the ankle, so it passes the root test and then keeps only
-    // its ankle in the soft score.
+    // its ankle in the soft score, over all 17.
     PoseGrid grid(23, 31);
     const auto first = person(5, 5);
     grid.addPose(first, 3.0f);
@@ -347,16 +276,14 @@ TEST(PosenetDecoder, APoseOnTopOfAnotherIsSoftSuppressed) {
     grid.midOffset(20, 25, backwardEdge + kNumEdges) = static_cast<float>(first[kRightKnee].y - 20);
     grid.midOffset(20, 25, backwardEdge + 2 * kNumEdges) =
         static_cast<float>(first[kRightKnee].x - 25);
-    std::vector<PoseKeypoints> poses;
-    std::vector<PoseKeypointScores> keypointScores;
-    std::vector<float> poseScores;
-    ASSERT_EQ(grid.decode(20, 0.01f, poses, keypointScores, poseScores), 2);
-    EXPECT_NEAR(poseScores[0], Sigmoid(3.0f), 1e-5f);
-    EXPECT_NEAR(poseScores[1], Sigmoid(2.5f) / 17, 1e-5f);
-    EXPECT_FLOAT_EQ(poses[1].keypoint[kRightAnkle].y, 16.0f * 20);
-    EXPECT_FLOAT_EQ(poses[1].keypoint[kNose].x, 16.0f * first[kNose].x);
+    const Decoded d = grid.decode(20, 0.01f);
+    ASSERT_EQ(d.count, 2);
+    EXPECT_NEAR(d.poseScores[0], Sigmoid(3.0f), 1e-5f);
+    EXPECT_NEAR(d.poseScores[1], Sigmoid(2.5f) / 17, 1e-5f);
+    EXPECT_FLOAT_EQ(d.poses[1].keypoint[kRightAnkle].y, 16.0f * 20);
+    EXPECT_FLOAT_EQ(d.poses[1].keypoint[kNose].x, 16.0f * first[kNose].x);
     // Above its soft score, the threshold ends the output before it.
-    EXPECT_EQ(grid.decode(20, 0.1f, poses, keypointScores, poseScores), 1);
+    EXPECT_EQ(grid.decode(20, 0.1f).count, 1);
 }
 
 TEST(PosenetDecoder, NonFiniteTensorsGiveNoUndefinedBehaviour) {
@@ -371,10 +298,7 @@ TEST(PosenetDecoder, NonFiniteTensorsGiveNoUndefinedBehaviour) {
         grid.shortOffsets[i] = inf;
     }
     grid.scores[3] = nan;
-    std::vector<PoseKeypoints> poses;
-    std::vector<PoseKeypointScores> keypointScores;
-    std::vector<float> poseScores;
-    const int count = grid.decode(20, 0.01f, poses, keypointScores, poseScores);
+    const int count = grid.decode(20, 0.01f).count;
     EXPECT_GE(count, 0);
     EXPECT_LE(count, 20);
 }
