@@ -21,6 +21,7 @@
 
 #include <cmath>
 #include <filesystem>
+#include <functional>
 #include <memory>
 
 using namespace Ombrel;
@@ -39,90 +40,102 @@ ImageBufferFrameSource upscaled(const std::vector<std::uint8_t>& bytes, const Re
         for (unsigned int x = 0; x < big.width; ++x) {
             const std::size_t from =
                 (static_cast<std::size_t>(y / factor) * model.width + x / factor) * 3;
-            const std::size_t to = (static_cast<std::size_t>(y) * big.width + x) * 3;
-            std::copy(bytes.begin() + static_cast<std::ptrdiff_t>(from),
-                      bytes.begin() + static_cast<std::ptrdiff_t>(from + 3),
-                      pixels.begin() + static_cast<std::ptrdiff_t>(to));
+            std::copy_n(bytes.begin() + static_cast<std::ptrdiff_t>(from), 3,
+                        pixels.begin() + static_cast<std::ptrdiff_t>(
+                                             (static_cast<std::size_t>(y) * big.width + x) * 3));
         }
     }
     return ImageBufferFrameSource(big, pixels.data());
 }
 
-// A scene of the analysis resolution with area 0 around `where`, dwell threshold 0 seconds, and
-// area 1 elsewhere with an hour's threshold.
-struct Scene {
-    AOIManager areas{NAOI};
+// Two frames of one object at point, in a scene whose area 0 is a 20-pixel square around it with
+// a dwell threshold of 0 seconds: Briefly on the first sighting, then Lengthily.
+void expectDwell(int findingID, const FPoint& point) {
+    AOIManager areas(NAOI);
+    areas.setAOI(0, true,
+                 IRectangle(static_cast<int>(point.x) - 10, static_cast<int>(point.y) - 10, 20, 20),
+                 0);
+    areas.setAOI(1, true, IRectangle(0, 0, 5, 5), 3600);
+    const AOIInfo first = areas.add(findingID, point);
+    EXPECT_EQ(first.location, AOILocation::AOI0);
+    EXPECT_EQ(first.duration, AOIDuration::Briefly);
+    const AOIInfo second = areas.add(findingID, point);
+    EXPECT_EQ(second.location, AOILocation::AOI0);
+    EXPECT_EQ(second.duration, AOIDuration::Lengthily);
+}
 
-    explicit Scene(const IRectangle& area0) {
-        areas.setAOI(0, true, area0, 0);
-        areas.setAOI(1, true, IRectangle(0, 0, 5, 5), 3600);
-    }
-    // Two frames of the same object: Briefly on the first sighting, then Lengthily.
-    void expectDwell(int findingID, const FPoint& point) {
-        const AOIInfo first = areas.add(findingID, point);
-        EXPECT_EQ(first.location, AOILocation::AOI0);
-        EXPECT_EQ(first.duration, AOIDuration::Briefly);
-        const AOIInfo second = areas.add(findingID, point);
-        EXPECT_EQ(second.location, AOILocation::AOI0);
-        EXPECT_EQ(second.duration, AOIDuration::Lengthily);
-        areas.remove(findingID);
-    }
-};
-
-// The person's centre between the hips, which must lie where the painted person's hips map.
+// The person's centre between the hips.
 FPoint hipCentre(const PoseDetectionBase<BodypixBodyPart>& detection) {
     FPoint centre;
     EXPECT_TRUE(detection.skeleton.getSkeletonCenter(centre, 0.5f));
     return centre;
 }
 
-TEST(InferenceEndToEnd, ObjectDetectorFromFrameToDwell) {
-    const modelforge::SsdDetectorModel model;
-    // The SSD model's person, as the operator of the model decodes it: centre (0.4, 0.5), a
-    // box 0.5 high and 0.25 wide, class 0.
-    std::vector<std::uint8_t> bytes(static_cast<std::size_t>(model.width * model.height * 3), 0);
-    std::fill(bytes.begin(), bytes.begin() + 4 * model.numBoxes,
-              static_cast<std::uint8_t>(model.boxZeroPoint));
-    auto encode = [&model](float v) {
-        return static_cast<std::uint8_t>(model.boxZeroPoint + std::lround(v / model.boxScale));
-    };
-    bytes[0] = encode(0.4f - 0.5f);
-    bytes[1] = encode(0.0f);
-    bytes[2] = encode(std::log(0.5f));
-    bytes[3] = encode(std::log(0.25f));
-    bytes[model.scoreOffset + 1] = 250;
-    ImageBufferFrameSource camera = upscaled(bytes, Resolution(300, 300), 3);
-    ASSERT_EQ(camera.getResolution(), Resolution(900, 900));
+struct SsdBox {
+    float centreY;
+    float centreX;
+    float logHeight;
+    float logWidth;
+    int classID;
+    std::uint8_t score;
+};
 
+// The SSD model's picture: each box encoded against its anchor at (0.5, 0.5) of size 1 with the
+// score of its class; the other boxes encode nothing. Values are in 64ths.
+std::vector<std::uint8_t> ssdPicture(const std::vector<SsdBox>& boxes) {
+    const modelforge::SsdDetectorModel model;
+    std::vector<std::uint8_t> bytes(static_cast<std::size_t>(model.width * model.height * 3), 0);
+    std::fill_n(bytes.begin(), 4 * model.numBoxes, static_cast<std::uint8_t>(model.boxZeroPoint));
+    auto encode = [&model](float value) {
+        return static_cast<std::uint8_t>(model.boxZeroPoint + std::lround(value * 64));
+    };
+    for (std::size_t i = 0; i < boxes.size(); ++i) {
+        const SsdBox& box = boxes[i];
+        const float values[] = {box.centreY - 0.5f, box.centreX - 0.5f, box.logHeight,
+                                box.logWidth};
+        std::transform(values, values + 4, bytes.begin() + static_cast<std::ptrdiff_t>(4 * i),
+                       encode);
+        bytes[model.scoreOffset + i * (model.numClasses + 1) + 1 +
+              static_cast<std::size_t>(box.classID)] = box.score;
+    }
+    return bytes;
+}
+
+TEST(InferenceEndToEnd, SsdObjectDetectorFromFrameToDwell) {
+    // A person (class 0), the same person again a little lower, which the model's own
+    // post-processing suppresses, a car (class 2), and a bus (class 5) below the threshold.
+    const std::vector<SsdBox> boxes = {{0.40625f, 0.5f, -44 / 64.0f, -89 / 64.0f, 0, 250},
+                                       {0.42f, 0.5f, -44 / 64.0f, -89 / 64.0f, 0, 180},
+                                       {0.75f, 0.25f, -1.0f, -1.5f, 2, 200},
+                                       {0.2f, 0.85f, -2.0f, -2.0f, 5, 100}};
+    ImageBufferFrameSource camera = upscaled(ssdPicture(boxes), Resolution(300, 300), 3);
     auto detector = std::make_unique<LarodObjectDetector>(forgedModel("detector_ssd_300x300"));
     ASSERT_TRUE(detector->initialize());
-    const auto detections = detector->detect(camera);
-    ASSERT_EQ(detections.size(), 1u);
+    EXPECT_TRUE(detector->tensorsToDetections(camera.getResolution()).empty()) << "nothing ran";
+
+    auto detections = detector->detect(camera);
+    ASSERT_EQ(detections.size(), 2u);
     EXPECT_EQ(static_cast<Objects>(detections[0].classID), Objects::Person);
-    // In the camera's 900 x 900 pixels, as the bytes encode it: centre y 0.5 - 6/64, height
-    // exp(-44/64), width exp(-89/64).
+    EXPECT_FLOAT_EQ(detections[0].confidence, 250 / 256.0f);
+    EXPECT_EQ(static_cast<Objects>(detections[1].classID), Objects::Car);
+    EXPECT_FLOAT_EQ(detections[1].confidence, 200 / 256.0f);
+    // In the camera's 900 x 900 pixels: centre y 0.40625, height exp(-44/64), width exp(-89/64).
+    const FRectangle& box = detections[0].boundingBox;
     const float height = std::exp(-44.0f / 64.0f);
     const float width = std::exp(-89.0f / 64.0f);
-    EXPECT_NEAR(detections[0].boundingBox.x, (0.5f - width / 2) * 899, 1.0f);
-    EXPECT_NEAR(detections[0].boundingBox.width, width * 899, 2.0f);
-    EXPECT_NEAR(detections[0].boundingBox.y, (0.40625f - height / 2) * 899, 1.0f);
-    EXPECT_NEAR(detections[0].boundingBox.height, height * 899, 2.0f);
+    EXPECT_NEAR(box.x, (0.5f - width / 2) * 899, 1.0f);
+    EXPECT_NEAR(box.width, width * 899, 2.0f);
+    EXPECT_NEAR(box.y, (0.40625f - height / 2) * 899, 1.0f);
+    EXPECT_NEAR(box.height, height * 899, 2.0f);
+    expectDwell(7, box.getBottomMidpoint());
 
-    Scene scene(IRectangle(400, 500, 100, 200));
-    scene.expectDwell(7, detections[0].boundingBox.getBottomMidpoint());
+    detector->setConfidenceThreshold(0.3f);
+    detections = detector->detect(camera);
+    ASSERT_EQ(detections.size(), 3u);
+    EXPECT_EQ(static_cast<Objects>(detections[2].classID), Objects::Bus);
 }
 
 TEST(InferenceEndToEnd, PoseDetectorsFromFrameToDwell) {
-    struct Road {
-        const char* name;
-        std::function<std::vector<PoseDetectionBase<BodypixBodyPart>>(ImageFrameSource&,
-                                                                      const IRectangle&)>
-            detect;
-        modelforge::PassThroughModel model;
-        PoseTensorLayout layout;
-        PersonCells person;
-        float tolerance; // in camera pixels, twice the model's
-    };
     auto posenet = std::make_unique<PosenetPoseDetector>(forgedModel("posenet_481x353"), "");
     auto bodypix = std::make_unique<LarodPoseDetector>(forgedModel("bodypix_1281x721"), "");
     auto bodypix320 =
@@ -130,91 +143,63 @@ TEST(InferenceEndToEnd, PoseDetectorsFromFrameToDwell) {
     ASSERT_TRUE(posenet->initialize());
     ASSERT_TRUE(bodypix->initialize());
     ASSERT_TRUE(bodypix320->initialize());
-
-    const modelforge::PassThroughModel posenetModel = modelforge::posenetPassThrough();
-    const modelforge::PassThroughModel bodypixModel = modelforge::bodypixPassThrough();
-    const modelforge::PassThroughModel bodypix320Model = modelforge::bodypix320PassThrough();
-    using B320 = Bodypix_320W_240H_PoseDetector;
-    const std::vector<Road> roads = {
-        {"PoseNet",
-         [&](ImageFrameSource& s, const IRectangle& r) { return posenet->detect(s, r); },
-         posenetModel,
-         {23, 31, posenetModel.output("heatmaps").inputOffset, &posenetHeatmapDequantizer,
-          posenetModel.output("short_offsets").inputOffset, &posenetShortOffsetDequantizer,
-          posenetModel.output("mid_offsets").inputOffset, &posenetMidOffsetDequantizer},
-         gridPerson(6, 10, 2),
-         3.0f},
-        {"BodyPix",
-         [&](ImageFrameSource& s, const IRectangle& r) { return bodypix->detect(s, r); },
-         bodypixModel,
-         {46, 81, bodypixModel.output("heatmaps").inputOffset, &heatmapDequantizer,
-          bodypixModel.output("short_offsets").inputOffset, &shortOffsetDequantizer,
-          bodypixModel.output("mid_offsets").inputOffset, &midOffsetDequantizer},
-         gridPerson(20, 40, 2),
-         5.0f},
+    using Detect = std::function<std::vector<PoseDetectionBase<BodypixBodyPart>>(
+        ImageFrameSource&, const IRectangle&)>;
+    const struct {
+        const char* name;
+        Detect detect;
+        modelforge::PassThroughModel model;
+        PersonCells person;
+        float tolerance; // in camera pixels, twice the model's
+    } roads[] = {
+        {"PoseNet", [&](ImageFrameSource& s, const IRectangle& r) { return posenet->detect(s, r); },
+         modelforge::posenetPassThrough(), gridPerson(6, 10, 2), 3.0f},
+        {"BodyPix", [&](ImageFrameSource& s, const IRectangle& r) { return bodypix->detect(s, r); },
+         modelforge::bodypixPassThrough(), gridPerson(20, 40, 2), 5.0f},
         {"BodyPix 320 x 240",
          [&](ImageFrameSource& s, const IRectangle& r) { return bodypix320->detect(s, r); },
-         bodypix320Model,
-         {15, 20, bodypix320Model.output("heatmaps").inputOffset, &B320::_heatmapDequantizer,
-          bodypix320Model.output("short_offsets").inputOffset, &B320::_shortOffsetDequantizer,
-          bodypix320Model.output("displacement_fwd").inputOffset,
-          &B320::_displacementForwardDequantizer,
-          bodypix320Model.output("displacement_bwd").inputOffset,
-          &B320::_displacementBackwardDequantizer},
-         gridPerson(3, 6, 2),
-         3.0f},
+         modelforge::bodypix320PassThrough(), gridPerson(3, 6, 2), 3.0f},
     };
-    for (const Road& road : roads) {
+    for (const auto& road : roads) {
         SCOPED_TRACE(road.name);
-        const Resolution input(static_cast<unsigned int>(road.model.width),
-                               static_cast<unsigned int>(road.model.height));
-        PosePicture picture(road.model.inputBytes(), road.layout);
+        PosePicture picture(road.model);
         picture.addPerson(road.person, 255);
-        ImageBufferFrameSource camera = upscaled(picture.bytes, input, 2);
+        ImageBufferFrameSource camera = upscaled(picture.bytes, picture.input, 2);
 
         // The analysis picture is the camera's; the model sees all of it.
-        const IRectangle analysis(0, 0, static_cast<int>(input.width * 2),
-                                  static_cast<int>(input.height * 2));
+        const IRectangle analysis(0, 0, static_cast<int>(picture.input.width * 2),
+                                  static_cast<int>(picture.input.height * 2));
         const auto detections = road.detect(camera, analysis);
         ASSERT_EQ(detections.size(), 1u);
-        expectPersonAt(detections[0], road.person, input, analysis, road.tolerance);
+        expectPersonAt(detections[0], road.person, picture.input, analysis, road.tolerance);
 
-        // The hips of the person lie at row top + 2u, columns left + u and left + 3u.
+        // The hips lie at row top + 2u, columns left + u and left + 3u.
         const GridCell leftHip = road.person[static_cast<int>(BodypixBodyPart::LeftHip)];
         const GridCell rightHip = road.person[static_cast<int>(BodypixBodyPart::RightHip)];
         const FPoint centre = hipCentre(detections[0]);
         EXPECT_NEAR(centre.x, 16.0f * (leftHip.x + rightHip.x), 3.0f);
         EXPECT_NEAR(centre.y, 32.0f * leftHip.y, 3.0f);
-        Scene scene(
-            IRectangle(static_cast<int>(centre.x) - 10, static_cast<int>(centre.y) - 10, 20, 20));
-        scene.expectDwell(42, centre);
+        expectDwell(42, centre);
     }
 }
 
 TEST(InferenceEndToEnd, MovenetFromFrameToDwell) {
     // The model's skeleton: a standing person around x = 0.5, hips at y = 0.5, in 256ths.
     std::vector<std::uint8_t> bytes(modelforge::movenetPassThrough().inputBytes(), 0);
-    for (int k = 0; k < 17; ++k) {
-        const int side = k % 2 == 1 ? -10 : 10;
-        int y = 40 + 4 * k;
-        if (k == static_cast<int>(BodypixBodyPart::LeftHip) ||
-            k == static_cast<int>(BodypixBodyPart::RightHip)) {
-            y = 128;
-        }
-        bytes[3 * static_cast<std::size_t>(k)] = static_cast<std::uint8_t>(y);
-        bytes[3 * static_cast<std::size_t>(k) + 1] = static_cast<std::uint8_t>(128 + side);
-        bytes[3 * static_cast<std::size_t>(k) + 2] = 230;
+    for (std::size_t k = 0; k < 17; ++k) {
+        const bool hip = k == static_cast<std::size_t>(BodypixBodyPart::LeftHip) ||
+                         k == static_cast<std::size_t>(BodypixBodyPart::RightHip);
+        bytes[3 * k] = static_cast<std::uint8_t>(hip ? 128 : 40 + 4 * k);
+        bytes[3 * k + 1] = static_cast<std::uint8_t>(k % 2 == 1 ? 118 : 138);
+        bytes[3 * k + 2] = 230;
     }
     ImageBufferFrameSource camera = upscaled(bytes, Resolution(192, 192), 4);
     MovenetPoseDetector detector(forgedModel("movenet_192x192"));
     ASSERT_TRUE(detector.initialize());
-    const IRectangle analysis(0, 0, 768, 768);
-    const auto detection = detector.detect(camera, analysis);
-    const FPoint centre = hipCentre(detection);
+    const FPoint centre = hipCentre(detector.detect(camera, IRectangle(0, 0, 768, 768)));
     EXPECT_FLOAT_EQ(centre.x, 384.0f);
     EXPECT_FLOAT_EQ(centre.y, 384.0f);
-    Scene scene(IRectangle(370, 370, 30, 30));
-    scene.expectDwell(3, centre);
+    expectDwell(3, centre);
 }
 
 TEST(InferenceEndToEnd, MovenetFromACameraStreamToDwell) {
@@ -241,8 +226,7 @@ TEST(InferenceEndToEnd, MovenetFromACameraStreamToDwell) {
     AxisVideoStreamSource stream(Resolution(192, 192));
     MovenetPoseDetector detector(forgedModel("movenet_192x192"));
     ASSERT_TRUE(detector.initialize());
-    const IRectangle analysis(0, 0, 768, 768);
-    const auto detection = detector.detect(stream, analysis);
+    const auto detection = detector.detect(stream, IRectangle(0, 0, 768, 768));
     ASSERT_EQ(detection.skeleton.keypoints().size(), 17u);
     // The video service's colour conversion keeps a grey within a step or two.
     for (BodypixBodyPart part : BodyParts) {
@@ -253,9 +237,7 @@ TEST(InferenceEndToEnd, MovenetFromACameraStreamToDwell) {
     }
     const FPoint centre = hipCentre(detection);
     EXPECT_NEAR(centre.x, 164.0f / 256.0f * 768.0f, 7.0f);
-    Scene scene(
-        IRectangle(static_cast<int>(centre.x) - 10, static_cast<int>(centre.y) - 10, 20, 20));
-    scene.expectDwell(5, centre);
+    expectDwell(5, centre);
 }
 
 } // namespace
