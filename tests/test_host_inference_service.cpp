@@ -115,13 +115,6 @@ TEST(HostInferenceService, ListsTheDevicesOfTheHostCameraInItsOrder) {
         }
         EXPECT_EQ(names, c.names);
     }
-    // A name listed twice gives two instances.
-    HostCameraScope camera("larod.devices = cpu-tflite, cpu-tflite\n");
-    Client client;
-    EXPECT_NE(larodGetDevice(client.conn, "cpu-tflite", 0, nullptr),
-              larodGetDevice(client.conn, "cpu-tflite", 1, nullptr));
-    EXPECT_EQ(larodGetDevice(client.conn, "cpu-tflite", 2, &client.error), nullptr);
-    EXPECT_EQ(client.code(), LAROD_ERROR_INVALID_CHIP_ID);
 }
 
 TEST(HostInferenceService, DescribesTheTensorsOfALoadedModel) {
@@ -129,15 +122,10 @@ TEST(HostInferenceService, DescribesTheTensorsOfALoadedModel) {
     client.loadWithTensors("posenet_481x353");
     ASSERT_EQ(client.numInputs, 1u);
     ASSERT_EQ(client.numOutputs, 3u);
-    EXPECT_EQ(larodGetModelNumOutputs(client.model, nullptr), 3u);
     const larodTensor* input = client.inputs[0];
     EXPECT_EQ(dimsOf(input), (std::vector<size_t>{1, 353, 481, 3}));
-    const larodTensorPitches* pitches = larodGetTensorPitches(input, nullptr);
-    EXPECT_EQ(std::vector<size_t>(pitches->pitches, pitches->pitches + pitches->len),
-              (std::vector<size_t>{509379, 509379, 1443, 3}));
     EXPECT_EQ(larodGetTensorDataType(input, nullptr), LAROD_TENSOR_DATA_TYPE_UINT8);
     EXPECT_EQ(larodGetTensorLayout(input, nullptr), LAROD_TENSOR_LAYOUT_NHWC);
-    EXPECT_EQ(larodGetTensorFd(input, nullptr), LAROD_INVALID_FD);
     const size_t channels[] = {17, 34, 64};
     for (size_t i = 0; i < 3; ++i) {
         size_t byteSize = 0;
@@ -245,23 +233,6 @@ TEST(HostInferenceService, RejectsJobsItCannotRun) {
     EXPECT_EQ(client.message(), "output tensor 0 has no file descriptor");
     larodDestroyJobRequest(&noOutput);
     larodDestroyTensors(client.conn, &unbound, client.numOutputs, nullptr);
-
-    // Tensors of another model, or too few, make no request.
-    Client posenet;
-    posenet.loadWithTensors("posenet_481x353");
-    EXPECT_EQ(larodCreateJobRequest(client.model, client.inputs, 1, posenet.outputs, 1, nullptr,
-                                    &client.error),
-              nullptr);
-    EXPECT_EQ(client.code(), LAROD_ERROR_TENSOR_MISMATCH);
-    EXPECT_EQ(larodCreateJobRequest(client.model, client.inputs, 1, client.outputs, 0, nullptr,
-                                    &client.error),
-              nullptr);
-    EXPECT_EQ(client.message(), "the model has 1 output tensors, the request 0");
-
-    // A model deleted from the service no longer runs.
-    EXPECT_TRUE(larodDeleteModel(client.conn, client.model, &client.error));
-    EXPECT_FALSE(larodRunJob(client.conn, client.job, &client.error));
-    EXPECT_EQ(client.code(), LAROD_ERROR_MODEL_NOT_FOUND);
 }
 
 // The library's tests make the other calls fail through the library itself.

@@ -183,25 +183,6 @@ TEST(InferenceEndToEnd, PoseDetectorsFromFrameToDwell) {
     }
 }
 
-TEST(InferenceEndToEnd, MovenetFromFrameToDwell) {
-    // The model's skeleton: a standing person around x = 0.5, hips at y = 0.5, in 256ths.
-    std::vector<std::uint8_t> bytes(modelforge::movenetPassThrough().inputBytes(), 0);
-    for (std::size_t k = 0; k < 17; ++k) {
-        const bool hip = k == static_cast<std::size_t>(BodypixBodyPart::LeftHip) ||
-                         k == static_cast<std::size_t>(BodypixBodyPart::RightHip);
-        bytes[3 * k] = static_cast<std::uint8_t>(hip ? 128 : 40 + 4 * k);
-        bytes[3 * k + 1] = static_cast<std::uint8_t>(k % 2 == 1 ? 118 : 138);
-        bytes[3 * k + 2] = 230;
-    }
-    ImageBufferFrameSource camera = upscaled(bytes, Resolution(192, 192), 4);
-    MovenetPoseDetector detector(forgedModel("movenet_192x192"));
-    ASSERT_TRUE(detector.initialize());
-    const FPoint centre = hipCentre(detector.detect(camera, IRectangle(0, 0, 768, 768)));
-    EXPECT_FLOAT_EQ(centre.x, 384.0f);
-    EXPECT_FLOAT_EQ(centre.y, 384.0f);
-    expectDwell(3, centre);
-}
-
 TEST(InferenceEndToEnd, MovenetFromACameraStreamToDwell) {
     // The camera shows one picture: its first 17 pixels are grey, so that they come through the
     // stream's NV12 frames with their value; each gives a joint at y = x = value / 256 with

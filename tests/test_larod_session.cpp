@@ -150,16 +150,6 @@ TEST(LarodModelBase, TakesTheFirstAcceleratorInTheServicesOrder) {
         EXPECT_TRUE(session.initialize());
         EXPECT_EQ(session.getDeviceName(), c.chosen);
     }
-
-    // A name given at construction is taken as it stands.
-    RecordingLogger logger;
-    ScopedLogger scope(logger);
-    stemlib_host_larod_clear_log();
-    PosenetSession session("cpu-tflite");
-    EXPECT_TRUE(session.initialize());
-    EXPECT_EQ(larodCallLog({"larodLoadModel"}),
-              std::vector<std::string>{"larodLoadModel cpu-tflite"});
-    EXPECT_TRUE(linesOf(logger, {"getDefaultDeviceName"}).empty());
 }
 
 std::string joined(const std::vector<std::string>& lines) {

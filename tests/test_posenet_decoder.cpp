@@ -88,15 +88,6 @@ std::array<Cell, kNumKeypoints> person(int top, int left) {
     return cells;
 }
 
-std::vector<KeypointWithScore> drain(DecreasingScoreKeypointPriorityQueue& queue) {
-    std::vector<KeypointWithScore> items;
-    while (!queue.empty()) {
-        items.push_back(queue.top());
-        queue.pop();
-    }
-    return items;
-}
-
 TEST(PosenetDecoder, SmallFunctionsAndRootSuppression) {
     EXPECT_NEAR(Logodds(0.5f), 0.0f, 1e-5f);
     // Computed in double: -log(1 / (0.01 + 1e-6) - 1).
@@ -170,7 +161,10 @@ TEST(PosenetDecoder, CandidatesAreLocalMaximaMovedByTheirShortOffsets) {
     DecreasingScoreKeypointPriorityQueue queue;
     BuildKeypointWithScoreQueue(grid.scores.data(), grid.shortOffsets.data(), 4, 5, kNumKeypoints,
                                 0.0f, 1, &queue);
-    const std::vector<KeypointWithScore> items = drain(queue);
+    std::vector<KeypointWithScore> items;
+    for (; !queue.empty(); queue.pop()) {
+        items.push_back(queue.top());
+    }
     ASSERT_EQ(items.size(), 4u);
     EXPECT_EQ(items[0].id, kRightEye);
     EXPECT_EQ(items[1].id, kRightEye);
