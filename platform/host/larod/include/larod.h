@@ -2,7 +2,8 @@
  *
  * This is the host platform's implementation of the camera SDK's C API, with the SDK's names,
  * types and values, so that code written for the camera compiles unchanged against it. Models
- * run for real with TensorFlow Lite, on one thread, whatever device is chosen.
+ * run for real with TensorFlow Lite, whatever device is chosen, on one thread unless the camera
+ * description's "larod.threads" asks for more.
  *
  * Conventions of every call: a call that fails returns false, NULL or an invalid value and, when
  * error is not NULL, sets *error to a new larodError that the caller releases with
