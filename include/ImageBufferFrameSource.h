@@ -78,6 +78,11 @@ public:
                                       const Resolution& imageResolution);
 
 protected:
+    // For a buffer that is still null: sets _resolution and allocates exactly area * 3 bytes,
+    // uninitialised and without a log line. An image too large for the capacity's type is
+    // refused with an error line naming function, and the image is then 0 by 0.
+    bool allocateImageBuffer(const Resolution& resolution, const char* function);
+
     uint8_t* _imageBuffer = nullptr;
     unsigned int _imageBufferSize = 0;
 };

@@ -26,29 +26,25 @@ ImageBufferFrameSource::ImageBufferFrameSource(const Resolution& resolution) {
 }
 
 ImageBufferFrameSource::ImageBufferFrameSource(const Resolution& resolution,
-                                               const uint8_t* rgbPixelData)
-    : ImageFrameSource(resolution) {
-    const std::size_t nBytes = frameBytes(resolution);
-    if (nBytes > std::numeric_limits<unsigned int>::max()) {
-        g_stemlibLogger.error("ImageBufferFrameSource: Image of " + resolution.toString() +
-                              " is too large");
-        _resolution = Resolution(0, 0);
+                                               const uint8_t* rgbPixelData) {
+    if (!allocateImageBuffer(resolution, "ImageBufferFrameSource")) {
         return;
     }
-    _imageBuffer = new uint8_t[nBytes];
-    _imageBufferSize = static_cast<unsigned int>(nBytes);
     if (rgbPixelData == nullptr) {
         g_stemlibLogger.error("ImageBufferFrameSource: Input pixel data is null");
-        std::memset(_imageBuffer, 0, nBytes);
+        std::memset(_imageBuffer, 0, _imageBufferSize);
         return;
     }
-    std::memcpy(_imageBuffer, rgbPixelData, nBytes);
+    std::memcpy(_imageBuffer, rgbPixelData, _imageBufferSize);
 }
 
-ImageBufferFrameSource::ImageBufferFrameSource(const cv::Mat& image)
-    : ImageBufferFrameSource(Resolution(static_cast<unsigned int>(std::max(image.cols, 0)),
-                                        static_cast<unsigned int>(std::max(image.rows, 0)))) {
-    if (_imageBuffer == nullptr) {
+ImageBufferFrameSource::ImageBufferFrameSource(const cv::Mat& image) {
+    if (!allocateImageBuffer(Resolution(static_cast<unsigned int>(std::max(image.cols, 0)),
+                                        static_cast<unsigned int>(std::max(image.rows, 0))),
+                             "ImageBufferFrameSource")) {
+        return;
+    }
+    if (image.empty()) {
         return;
     }
     if (image.type() != CV_8UC3 || image.dims != 2) {
@@ -65,6 +61,21 @@ ImageBufferFrameSource::ImageBufferFrameSource(const cv::Mat& image)
                     rowBytes);
     }
     convertBGRToRGB();
+}
+
+bool ImageBufferFrameSource::allocateImageBuffer(const Resolution& resolution,
+                                                 const char* function) {
+    const std::size_t nBytes = frameBytes(resolution);
+    if (nBytes > std::numeric_limits<unsigned int>::max()) {
+        g_stemlibLogger.error(std::string(function) + ": Image of " + resolution.toString() +
+                              " is too large");
+        _resolution = Resolution(0, 0);
+        return false;
+    }
+    _resolution = resolution;
+    _imageBuffer = new uint8_t[nBytes];
+    _imageBufferSize = static_cast<unsigned int>(nBytes);
+    return true;
 }
 
 ImageBufferFrameSource::~ImageBufferFrameSource() {

@@ -17,9 +17,10 @@ ImageFromImageFileSource::ImageFromImageFileSource(const std::string& fileName)
         throw std::runtime_error(message);
     }
     cv::cvtColor(image, image, cv::COLOR_BGR2RGB);
-    setImageBufferResolution(
-        Resolution(static_cast<unsigned int>(image.cols), static_cast<unsigned int>(image.rows)));
-    if (_imageBuffer == nullptr) {
+    // The base left the buffer null: allocate it at exactly the image's size.
+    if (!allocateImageBuffer(Resolution(static_cast<unsigned int>(image.cols),
+                                        static_cast<unsigned int>(image.rows)),
+                             "ImageFromImageFileSource")) {
         return;
     }
     const std::size_t rowBytes = static_cast<std::size_t>(image.cols) * 3;

@@ -37,25 +37,25 @@ inline std::vector<uint8_t> pixelAt(const uint8_t* frame, unsigned int w, unsign
 template <typename YF, typename UF, typename VF>
 std::vector<uint8_t> makeNV12(unsigned int w, unsigned int h, YF yOf, UF uOf, VF vOf) {
     std::vector<uint8_t> nv12(static_cast<std::size_t>(w) * h * 3 / 2);
+    uint8_t* uv = nv12.data() + static_cast<std::size_t>(w) * h;
     for (unsigned int y = 0; y < h; ++y) {
         for (unsigned int x = 0; x < w; ++x) {
             nv12[static_cast<std::size_t>(y) * w + x] = static_cast<uint8_t>(yOf(x, y));
-        }
-    }
-    uint8_t* uv = nv12.data() + static_cast<std::size_t>(w) * h;
-    for (unsigned int y = 0; y < h; y += 2) {
-        for (unsigned int x = 0; x < w; x += 2) {
-            uv[static_cast<std::size_t>(y / 2) * w + x] = static_cast<uint8_t>(uOf(x, y));
-            uv[static_cast<std::size_t>(y / 2) * w + x + 1] = static_cast<uint8_t>(vOf(x, y));
+            if (x % 2 == 0 && y % 2 == 0) {
+                uv[static_cast<std::size_t>(y / 2) * w + x] = static_cast<uint8_t>(uOf(x, y));
+                uv[static_cast<std::size_t>(y / 2) * w + x + 1] = static_cast<uint8_t>(vOf(x, y));
+            }
         }
     }
     return nv12;
 }
 
-// True when the capture holds exactly this library line (given without the system-log prefix).
-inline bool hasLine(const SyslogCapture& capture, const std::string& line) {
+// True when the capture holds exactly this library line (given without the system-log prefix),
+// at the given syslog priority unless that is -1.
+inline bool hasLine(const SyslogCapture& capture, const std::string& line, int priority = -1) {
     for (const SyslogRecord& record : capture.records()) {
-        if (record.message == "STEMLIB*::" + line) {
+        if (record.message == "STEMLIB*::" + line &&
+            (priority == -1 || record.priority == priority)) {
             return true;
         }
     }
@@ -66,9 +66,7 @@ inline bool hasLine(const SyslogCapture& capture, const std::string& line) {
 inline std::size_t countLinesStartingWith(const SyslogCapture& capture, const std::string& prefix) {
     std::size_t n = 0;
     for (const SyslogRecord& record : capture.records()) {
-        if (record.message.rfind("STEMLIB*::" + prefix, 0) == 0) {
-            ++n;
-        }
+        n += record.message.rfind("STEMLIB*::" + prefix, 0) == 0 ? 1 : 0;
     }
     return n;
 }
