@@ -190,45 +190,31 @@ TEST(ImageBufferFrameSource, ResizeSkipsAndLogsSamplesBeyondTheCapacity) {
         hasLine(capture, "resizeTo: source index out of bounds srcIndex: 15 _imageBufferSize: 12"));
 }
 
-TEST(ImageBufferFrameSource, PixelPointersAndValidPatchRectangles) {
-    SyslogCapture capture;
-    const std::vector<uint8_t> image = makeCoordinateImage(3, 2);
-    ImageBufferFrameSource source(Resolution(3, 2), image.data());
-    EXPECT_EQ(source.getPointerToPixel(IPoint(2, 1)), source.getImageData() + 15);
-    EXPECT_EQ(source.getPointerToPixel(IPoint(3, 0)), nullptr);
-    EXPECT_EQ(source.getPointerToPixel(IPoint(0, -1)), nullptr);
-    EXPECT_TRUE(hasLine(capture, "getPointerToPixel: Invalid pixel coordinates: (3, 0). Valid "
-                                 "range is (0,0) to (2,1)"));
-
-    // Ending exactly at the edge is valid; one more, a negative corner or an overflowing sum
-    // is not.
-    const std::vector<std::pair<IRectangle, bool>> cases = {
-        {IRectangle(6, 5, 4, 3), true},
-        {IRectangle(6, 5, 5, 3), false},
-        {IRectangle(6, 5, 4, 4), false},
-        {IRectangle(-1, 0, 2, 2), false},
-        {IRectangle(2147483000, 0, 2147483000, 1), false}};
-    for (const auto& [rectangle, valid] : cases) {
-        EXPECT_EQ(ImageBufferFrameSource::validPatchCoordinates(rectangle, Resolution(10, 8)),
-                  valid)
-            << rectangle.toString();
-    }
-}
-
 TEST(ImageBufferFrameSource, LoadImagePatchCopiesARectangleOrKeepsTheImage) {
     SyslogCapture capture;
     const std::vector<uint8_t> image = makeCoordinateImage(6, 5);
     ImageBufferFrameSource video(Resolution(6, 5), image.data());
-    BufferProbe patch(Resolution(1, 1));
+    EXPECT_EQ(video.getPointerToPixel(IPoint(2, 1)), video.getImageData() + 24);
+    EXPECT_EQ(video.getPointerToPixel(IPoint(0, -1)), nullptr);
+    EXPECT_EQ(video.getPointerToPixel(IPoint(6, 0)), nullptr);
+    EXPECT_TRUE(hasLine(capture, "getPointerToPixel: Invalid pixel coordinates: (6, 0). Valid "
+                                 "range is (0,0) to (5,4)"));
 
+    BufferProbe patch(Resolution(1, 1));
     patch.loadImagePatch(video, IRectangle(3, 2, 3, 3)); // ends exactly at the edge
     expectRegion(patch, image, 6, IRectangle(3, 2, 3, 3));
-    // One column more is rejected, and so is a negative size: the patch keeps its image.
+    // One column or row more, a negative corner or size, or an overflowing sum is rejected,
+    // and the patch keeps its image.
     patch.loadImagePatch(video, IRectangle(3, 2, 4, 3));
     EXPECT_TRUE(hasLine(capture, "loadImagePatch: Invalid input patch rectangle coordinates: "
                                  "Rectangle: x=3, y=2, width=4, height=3 for video stream "
                                  "resolution: 6 5"));
-    patch.loadImagePatch(video, IRectangle(1, 1, -1, 2));
+    for (const IRectangle& bad :
+         {IRectangle(3, 2, 3, 4), IRectangle(-1, 0, 2, 2), IRectangle(1, 1, -1, 2),
+          IRectangle(2147483000, 0, 2147483000, 1)}) {
+        patch.loadImagePatch(video, bad);
+    }
+    EXPECT_EQ(countLinesStartingWith(capture, "loadImagePatch: Invalid input patch"), 5u);
     expectRegion(patch, image, 6, IRectangle(3, 2, 3, 3));
 
     // A smaller patch reuses the capacity.

@@ -38,6 +38,13 @@ std::vector<uint8_t> referenceCropScale(const std::vector<uint8_t>& nv12, int sr
     return rgb;
 }
 
+// A frame of w by h in which every pixel has the same Y, U and V.
+std::vector<uint8_t> uniformNV12(unsigned int w, unsigned int h, int y, int u, int v) {
+    return makeNV12(
+        w, h, [=](unsigned, unsigned) { return y; }, [=](unsigned, unsigned) { return u; },
+        [=](unsigned, unsigned) { return v; });
+}
+
 // A busy test picture: luma and both chroma planes vary per pixel and per block.
 std::vector<uint8_t> makeBusyNV12(unsigned int w, unsigned int h) {
     return makeNV12(
@@ -50,12 +57,12 @@ std::vector<uint8_t> makeBusyNV12(unsigned int w, unsigned int h) {
 
 TEST(ImageConverter, LibyuvConversionIsRedFirstWithOneChromaPairPerBlock) {
     // Left 2 by 2 block red, right block neutral grey.
-    const std::vector<uint8_t> nv12 = makeNV12(
+    std::vector<uint8_t> nv12 = makeNV12(
         4, 2, [](unsigned x, unsigned) { return x < 2 ? kRedY : 128; },
         [](unsigned x, unsigned) { return x < 2 ? kRedU : 128; },
         [](unsigned x, unsigned) { return x < 2 ? kRedV : 128; });
     std::vector<uint8_t> rgb(4 * 2 * 3, 0);
-    convertU8yuvToRGBlibYuv(4, 2, const_cast<uint8_t*>(nv12.data()), rgb.data());
+    convertU8yuvToRGBlibYuv(4, 2, nv12.data(), rgb.data());
     for (unsigned int y = 0; y < 2; ++y) {
         for (unsigned int x = 0; x < 2; ++x) {
             const std::vector<uint8_t> red = pixelAt(rgb.data(), 4, x, y);
@@ -84,11 +91,9 @@ TEST(ImageConverter, NaiveFormulasTruncateAndWrapWithoutClamping) {
         {100, 128, 128, {100, 99, 101}},
     };
     for (const Case& c : cases) {
-        const std::vector<uint8_t> nv12 = makeNV12(
-            2, 2, [&](unsigned, unsigned) { return c.y; }, [&](unsigned, unsigned) { return c.u; },
-            [&](unsigned, unsigned) { return c.v; });
+        std::vector<uint8_t> nv12 = uniformNV12(2, 2, c.y, c.u, c.v);
         std::vector<uint8_t> rgb(12, 0xAA);
-        convertU8yuvToRGBnaive(2, 2, const_cast<uint8_t*>(nv12.data()), rgb.data());
+        convertU8yuvToRGBnaive(2, 2, nv12.data(), rgb.data());
         for (unsigned int i = 0; i < 4; ++i) {
             EXPECT_EQ(pixelAt(rgb.data(), 2, i % 2, i / 2), c.rgb) << c.y << " " << c.u;
         }
@@ -96,75 +101,38 @@ TEST(ImageConverter, NaiveFormulasTruncateAndWrapWithoutClamping) {
 }
 
 TEST(ImageConverter, FloatConversionScalesToTheSwingAndClamps) {
-    const std::vector<uint8_t> dark = makeNV12(
-        2, 2, [](unsigned, unsigned) { return 0; }, [](unsigned, unsigned) { return 0; },
-        [](unsigned, unsigned) { return 0; });
+    // Each channel is minV + outSwing * (the bracket before * 255), clamped to the range.
     std::vector<float> out(12, 99.0f);
-    convertU8yuvToFloat32RGB(2, 2, const_cast<uint8_t*>(dark.data()), out.data(), 2.0f, 0.0f);
+    std::vector<uint8_t> dark = uniformNV12(2, 2, 0, 0, 0);
+    convertU8yuvToFloat32RGB(2, 2, dark.data(), out.data(), 2.0f, 0.0f);
     EXPECT_FLOAT_EQ(out[0], -1.0f);                       // -2.14 clamped
     EXPECT_NEAR(out[1], -1.0f + 2.0f * 0.487625f, 1e-5f); // inside the range
     EXPECT_FLOAT_EQ(out[2], -1.0f);                       // clamped
     EXPECT_FLOAT_EQ(out[9], -1.0f);
 
-    const std::vector<uint8_t> bright = makeNV12(
-        2, 2, [](unsigned, unsigned) { return 255; }, [](unsigned, unsigned) { return 255; },
-        [](unsigned, unsigned) { return 255; });
-    convertU8yuvToFloat32RGB(2, 2, const_cast<uint8_t*>(bright.data()), out.data(), 1.0f, 0.5f);
+    std::vector<uint8_t> bright = uniformNV12(2, 2, 255, 255, 255);
+    convertU8yuvToFloat32RGB(2, 2, bright.data(), out.data(), 1.0f, 0.5f);
     EXPECT_FLOAT_EQ(out[0], 1.0f);
     EXPECT_NEAR(out[1], 0.512375f, 1e-5f);
     EXPECT_FLOAT_EQ(out[2], 1.0f);
 }
 
 TEST(ImageConverter, CropScaleCutsTheCentredRegionOfTheTargetAspectRatio) {
-    // Luma encodes the column and row; neutral chroma keeps the three channels equal, so the
-    // source place of each output pixel can be compared with the exact-size conversion.
-    const unsigned int srcW = 16;
-    const unsigned int srcH = 12;
-    const std::vector<uint8_t> nv12 = makeBusyNV12(srcW, srcH);
-    std::vector<uint8_t> full(srcW * srcH * 3);
-    convertU8yuvToRGBlibYuv(srcW, srcH, const_cast<uint8_t*>(nv12.data()), full.data());
-
-    struct Case {
-        unsigned int dstW, dstH, clipX, clipY;
-    };
-    const std::vector<Case> cases = {
-        {16, 12, 0, 0}, // equal aspect ratio: nothing is cut
-        {16, 8, 0, 2},  // wider: full width, two rows cut at top and bottom
-        {16, 9, 0, 1},  // wider, odd cut: one row at the top, two at the bottom
-        {12, 12, 2, 0}, // taller: full height, two columns cut at each side
-        {10, 12, 3, 0}, // taller, odd offset: the crop starts inside a chroma pair
-        {4, 12, 6, 0},
-    };
-    for (const Case& c : cases) {
-        std::vector<uint8_t> rgb(c.dstW * c.dstH * 3, 0xAA);
-        ASSERT_TRUE(
-            convertCropScaleU8yuvToRGB(nv12.data(), srcW, srcH, rgb.data(), c.dstW, c.dstH));
-        // At a size equal to the crop the scale is a copy: every output pixel is its source
-        // pixel in the full conversion, chroma included.
-        for (unsigned int y = 0; y < c.dstH; ++y) {
-            for (unsigned int x = 0; x < c.dstW; ++x) {
-                ASSERT_EQ(pixelAt(rgb.data(), c.dstW, x, y),
-                          pixelAt(full.data(), srcW, x + c.clipX, y + c.clipY))
-                    << c.dstW << "x" << c.dstH << " at " << x << "," << y;
-            }
-        }
-    }
-}
-
-TEST(ImageConverter, CropScaleMatchesTheWholeFrameRoadOfTheCamera) {
-    // 1920 by 1080 to 481 by 353: clipW = 1471.6, clipX = 224. To a wider 640 by 300: the
-    // ratio 2.1333334 in single precision makes clipH 899.99994, truncated to 899, and clipY
-    // 90. An odd crop offset with upscaling: 64 by 48 to 50 by 48 gives clipW 50, clipX 7.
+    // Each case against the three steps done on the whole frame with the crop given here. A
+    // wider target keeps the width and cuts rows, any odd row at the bottom; a taller one keeps
+    // the height and cuts columns. 1920 by 1080 to 481 by 353: clipW 1471.6, clipX 224; to 640
+    // by 300: the ratio 2.1333334 in single precision makes clipH 899.99994, truncated to 899.
     struct Case {
         int srcW, srcH, dstW, dstH, clipX, clipY, clipW, clipH;
     };
     const std::vector<Case> cases = {
+        {64, 48, 32, 24, 0, 0, 64, 48}, // equal aspect ratios: nothing is cut
         {1920, 1080, 481, 353, 224, 0, 1471, 1080},
         {1920, 1080, 640, 300, 0, 90, 1920, 899},
-        {64, 48, 50, 48, 7, 0, 50, 48},
-        {64, 48, 100, 37, 0, 12, 64, 23},
-        {64, 48, 50, 29, 0, 5, 64, 37}, // odd row offset, scaled down
-        {64, 48, 30, 32, 9, 0, 45, 48}, // odd column offset, scaled down
+        {64, 48, 100, 37, 0, 12, 64, 23}, // 12 rows cut at the top, 13 at the bottom
+        {64, 48, 50, 29, 0, 5, 64, 37},   // odd row offset, scaled down
+        {64, 48, 50, 48, 7, 0, 50, 48},   // odd column offset, inside a chroma pair, no scaling
+        {64, 48, 30, 32, 9, 0, 45, 48},   // odd column offset, scaled down
     };
     for (const Case& c : cases) {
         const std::vector<uint8_t> nv12 = makeBusyNV12(c.srcW, c.srcH);

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <stdexcept>
 
 using namespace Ombrel;
@@ -10,22 +11,17 @@ using namespace StemlibTest;
 
 namespace {
 
-struct Corners {
-    int x0, y0, x1, y1;
-    bool operator==(const Corners& o) const {
-        return x0 == o.x0 && y0 == o.y0 && x1 == o.x1 && y1 == o.y1;
-    }
-};
+using Corners = std::array<int, 4>; // x0, y0, x1, y1
 
 Corners inputCorners(const StreamMapper& mapper) {
     Corners c{};
-    mapper.getActiveInputRectangle(c.x0, c.y0, c.x1, c.y1);
+    mapper.getActiveInputRectangle(c[0], c[1], c[2], c[3]);
     return c;
 }
 
 Corners outputCorners(const StreamMapper& mapper) {
     Corners c{};
-    mapper.getActiveOutputRectangle(c.x0, c.y0, c.x1, c.y1);
+    mapper.getActiveOutputRectangle(c[0], c[1], c[2], c[3]);
     return c;
 }
 
@@ -41,8 +37,8 @@ TEST(StreamMapper, StretchesCornerToCornerAndMirrorsOnlyX) {
     EXPECT_EQ(plain.mapWidth(10), 20);
     EXPECT_EQ(plain.mapHeight(10), 5);
     EXPECT_EQ(plain.map(IPoint(200, 100)), IPoint(400, 50));
-    EXPECT_TRUE((inputCorners(plain) == Corners{0, 0, 200, 100}));
-    EXPECT_TRUE((outputCorners(plain) == Corners{0, 0, 400, 50}));
+    EXPECT_EQ(inputCorners(plain), (Corners{0, 0, 200, 100}));
+    EXPECT_EQ(outputCorners(plain), (Corners{0, 0, 400, 50}));
 
     const StreamMapper mirrored(101, 201, 51, 401, true);
     EXPECT_EQ(mirrored.mapX(0), 400);
@@ -58,17 +54,18 @@ TEST(ExtractionMapper, FollowsTheCentredCutOfTheCamera) {
     EXPECT_FLOAT_EQ(mapper.alpha, 299.0f / 1079.0f);
     EXPECT_FLOAT_EQ(mapper.epsilonX, 420.0f);
     EXPECT_EQ(mapper.epsilonY, 0.0f);
-    EXPECT_EQ(mapper.mapX(419), 0);
-    EXPECT_EQ(mapper.mapX(420), 0);
-    EXPECT_EQ(mapper.mapX(960), 149); // 540 * 0.2771 = 149.6
-    EXPECT_EQ(mapper.mapX(1498), 298);
-    EXPECT_EQ(mapper.mapX(1500), 299);
+    // In the band the edge; 960 gives 540 * 0.2771 = 149.6; from 1500 = 1920 - 420 on, 299.
+    const std::vector<std::pair<int, int>> xs = {
+        {419, 0}, {420, 0}, {960, 149}, {1498, 298}, {1500, 299}};
+    for (const auto& [x, mapped] : xs) {
+        EXPECT_EQ(mapper.mapX(x), mapped) << x;
+    }
     EXPECT_EQ(mapper.mapY(1079), 299);
     EXPECT_EQ(mapper.mapY(540), 149);
     EXPECT_EQ(mapper.mapWidth(1079), 299);
     EXPECT_EQ(mapper.mapHeight(1079), 299);
-    EXPECT_TRUE((inputCorners(mapper) == Corners{420, 0, 1499, 1079}));
-    EXPECT_TRUE((outputCorners(mapper) == Corners{0, 0, 299, 299}));
+    EXPECT_EQ(inputCorners(mapper), (Corners{420, 0, 1499, 1079}));
+    EXPECT_EQ(outputCorners(mapper), (Corners{0, 0, 299, 299}));
 
     // A taller output cuts top and bottom: 640 by 480 to 480 by 480 has bands of 80 rows.
     const ExtractionMapper tall(640, 480, 480, 480, false);
@@ -119,17 +116,20 @@ TEST(EmbeddingMapper, FitsTheWholeInputCentredWithMargins) {
     EXPECT_EQ(wide.mapY(0), 65);         // 65.44 + 0.5 truncated
     EXPECT_EQ(wide.mapY(1079), 234);     // 168.12 + 65.44 + 0.5
     EXPECT_EQ(wide.mapWidth(1000), 155); // 155.8 without rounding
-    EXPECT_TRUE((outputCorners(wide) == Corners{0, 65, 299, 234}));
+    EXPECT_EQ(outputCorners(wide), (Corners{0, 65, 299, 234}));
     EXPECT_EQ(wide.getActiveOutputRectangle(), IRectangle(0, 65, 300, 170));
     EXPECT_EQ(wide.getActiveInputRectangle(), IRectangle(0, 0, 1919, 1079));
-    EXPECT_TRUE((inputCorners(wide) == Corners{0, 0, 1919, 1079}));
+    EXPECT_EQ(inputCorners(wide), (Corners{0, 0, 1919, 1079}));
 
-    // 480 by 480 into 480 by 640: the height limits, wTilde 480 and deltaX 80.
+    // The height limits: deltaX comes from the truncated width, 50 by 100 into 31 by 100 has
+    // wTilde trunc(30 / 49 * 99 + 1) = 61 and deltaX 19.5, not 19.19.
+    EXPECT_EQ(EmbeddingMapper(50, 100, 31, 100, false).deltaX, 19.5f);
+    // 480 by 480 into 480 by 640: wTilde 480 and deltaX 80.
     const EmbeddingMapper tall(IRectangle(5, 5, 480, 480), IRectangle(0, 0, 640, 480), true);
     EXPECT_EQ(tall.alpha, 1.0f);
     EXPECT_EQ(tall.deltaX, 80.0f);
     // Mirrored: x0 lies right of x1.
-    EXPECT_TRUE((outputCorners(tall) == Corners{559, 0, 80, 479}));
+    EXPECT_EQ(outputCorners(tall), (Corners{559, 0, 80, 479}));
     EXPECT_EQ(tall.getActiveOutputRectangle(), IRectangle(559, 0, -478, 480));
 }
 
