@@ -4,6 +4,7 @@
 #include "ImageFromImageFileSource.h"
 #include "ImageFromRawBinaryFileSource.h"
 #include "ImageTestUtils.h"
+#include "PanoImageFrameSource.h"
 #include "VideoStreamSource.h"
 
 #include <gtest/gtest.h>
@@ -394,18 +395,25 @@ TEST(VideoStreamSource, TakesPushedFramesOnlyWhileDirty) {
 }
 
 TEST(FrameSourceAllocations, SteadyStatePathsAllocateNothing) {
-    const std::vector<uint8_t> image = makeCoordinateImage(64, 48);
-    ImageBufferFrameSource source(Resolution(64, 48), image.data());
+    const std::vector<uint8_t> image = makeCoordinateImage(200, 150);
+    ImageBufferFrameSource source(Resolution(200, 150), image.data());
     ImageBufferFrameSource patch(Resolution(32, 32));
+    PanoImageFrameSource mosaic(Resolution(101, 73));
+    mosaic.setGridResolution(Resolution(2, 2));
+    const IRectangles rectangles = {IRectangle(0, 0, 100, 75), IRectangle(100, 0, 100, 75),
+                                    IRectangle(0, 75, 80, 75), IRectangle(120, 75, 80, 60)};
+    mosaic.loadImagePatches(source, rectangles); // the first frame sizes the record list
     std::vector<uint8_t> exact(image.size());
     std::vector<uint8_t> small(20 * 15 * 3);
 
     AllocationScope scope;
     for (int i = 0; i < 3; ++i) {
-        EXPECT_TRUE(source.getFrame(Resolution(64, 48), 0, exact.data()));
+        EXPECT_TRUE(source.getFrame(Resolution(200, 150), 0, exact.data()));
         source.resizeTo(Resolution(20, 15), 0, small.data());
         patch.loadImagePatch(source, IRectangle(i, i, 30, 20));
         patch.loadImagePatch(source, IRectangle(5, 5, 10, 10), IRectangle(i, i, 30, 20));
+        mosaic.loadImagePatches(source, rectangles);
     }
     EXPECT_EQ(scope.count(), 0u);
+    EXPECT_EQ(mosaic.getNumberOfLoadedPatches(), 4u);
 }

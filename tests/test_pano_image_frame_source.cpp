@@ -1,4 +1,3 @@
-#include "AllocationCounter.h"
 #include "ImageTestUtils.h"
 #include "PanoImageFrameSource.h"
 
@@ -234,20 +233,4 @@ TEST(PanoImageFrameSource, SkeletonsReturnToSourceCoordinatesThroughTheirCell) {
     EXPECT_TRUE(hasLine(capture, "inverseMapSkeleton: Failed to get cell index for skeleton "
                                  "centroid at: 50.000000, 150.000000"));
     EXPECT_EQ(mosaic.inverseMapSkeleton(Skeleton<P>()).keypoints().size(), 0u);
-}
-
-TEST(PanoImageFrameSource, SteadyPatchLoadsAllocateNothing) {
-    const std::vector<uint8_t> image = makeCoordinateImage(200, 150);
-    ImageBufferFrameSource source(Resolution(200, 150), image.data());
-    PanoImageFrameSource mosaic(Resolution(101, 73));
-    mosaic.setGridResolution(Resolution(2, 2));
-    const IRectangles rectangles = {IRectangle(0, 0, 100, 75), IRectangle(100, 0, 100, 75),
-                                    IRectangle(0, 75, 80, 75), IRectangle(120, 75, 80, 60)};
-    mosaic.loadImagePatches(source, rectangles); // the first frame sizes the record list
-    AllocationScope scope;
-    for (int i = 0; i < 3; ++i) {
-        mosaic.loadImagePatches(source, rectangles);
-    }
-    EXPECT_EQ(scope.count(), 0u);
-    EXPECT_EQ(mosaic.getNumberOfLoadedPatches(), 4u);
 }
