@@ -363,9 +363,8 @@ void ImageBufferFrameSource::loadImagePatch(ImageBufferFrameSource& videoStreamS
         }
         const int dstY = deltaY + y;
         const IPoint destPoint(deltaX, dstY);
-        if (destPoint.x < 0 || destPoint.y < 0 ||
-            static_cast<unsigned int>(destPoint.x) >= _resolution.width ||
-            static_cast<unsigned int>(destPoint.y) >= _resolution.height) {
+        uint8_t* dest = getPointerToPixel(destPoint);
+        if (dest == nullptr) {
             g_stemlibLogger.error(
                 "loadImagePatch: Invalid destination pixel coordinates: " + destPoint.toString() +
                 ". Valid range is (0,0) to (" +
@@ -373,7 +372,6 @@ void ImageBufferFrameSource::loadImagePatch(ImageBufferFrameSource& videoStreamS
                 std::to_string(static_cast<long long>(_resolution.height) - 1) + ")");
             return;
         }
-        uint8_t* dest = getPointerToPixel(destPoint);
         if (dstY < 0 || static_cast<unsigned int>(dstY) >= _resolution.height) {
             g_stemlibLogger.warning("loadImagePatch: Skipping destination row " +
                                     std::to_string(dstY) + " outside internal image buffer bounds");

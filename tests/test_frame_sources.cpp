@@ -259,6 +259,12 @@ TEST(ImageBufferFrameSource, FramedPatchIsBlackOutsideTheImageRectangle) {
                                  "Rectangle: x=1, y=1, width=3, height=2 for containing "
                                  "rectangle: Rectangle: x=1, y=1, width=2, height=2"));
     EXPECT_EQ(patch.getResolution(), Resolution(8, 6));
+    // An empty image rectangle on the containing rectangle's right edge has no destination.
+    patch.loadImagePatch(video, IRectangle(4, 1, 0, 2), IRectangle(2, 1, 2, 2));
+    EXPECT_TRUE(hasLine(capture, "getPointerToPixel: Invalid pixel coordinates: (2, 0). Valid "
+                                 "range is (0,0) to (1,1)"));
+    EXPECT_TRUE(hasLine(capture, "loadImagePatch: Invalid destination pixel coordinates: (2, 0). "
+                                 "Valid range is (0,0) to (1,1)"));
 }
 
 TEST(ImageBufferFrameSource, ToCVMatExchangesColoursInPlaceOnEveryCall) {
