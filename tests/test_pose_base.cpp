@@ -284,9 +284,9 @@ TEST(Skeleton, ArmPositionsAttitudeAndUncrossing) {
         EXPECT_EQ(skeleton.getRightArmPosition(0.5f, 0.5f, 0.5f), c.expected);
     }
     // A faint wrist falls back to the elbow; no hand, or no second shoulder, gives Unknown.
-    Skeleton<P> elbowOnly = armWith(IPoint(62, 70), IPoint(38, 70));
-    elbowOnly.setKeypoint(kp(P::LeftWrist, 62, 70, 0.2f));
-    elbowOnly.setKeypoint(kp(P::LeftElbow, 90, 28));
+    const Skeleton<P> elbowOnly =
+        withJoints({kp(P::LeftShoulder, 60, 30), kp(P::RightShoulder, 40, 30),
+                    kp(P::LeftWrist, 62, 70, 0.2f), kp(P::LeftElbow, 90, 28)});
     EXPECT_EQ(elbowOnly.getLeftArmPosition(0.5f, 0.5f, 0.5f), ArmPosition::Out);
     EXPECT_EQ(elbowOnly.getLeftArmPosition(0.5f, 0.95f, 0.5f), ArmPosition::Unknown);
     EXPECT_EQ(withJoints({kp(P::LeftShoulder, 60, 30), kp(P::LeftWrist, 60, 60)})

@@ -89,10 +89,8 @@ TEST(ExtractionMapper, FollowsTheCentredCutOfTheCamera) {
 
     // getStreamMapper always gives an extraction, portrait or not.
     for (bool portrait : {false, true}) {
-        const std::unique_ptr<StreamMapper> chosen =
-            getStreamMapper(1080, 1920, 300, 300, portrait, false);
+        const auto chosen = getStreamMapper(1080, 1920, 300, 300, portrait, false);
         EXPECT_EQ(chosen->toString(), "ExtractionMapper");
-        EXPECT_EQ(chosen->mapX(1500), 299);
         EXPECT_EQ(chosen->mapX(960), 149);
     }
 }
@@ -204,20 +202,13 @@ TEST(EmbeddingPointMapper, InverseMapsFromTheActiveRectangleToTheSource) {
     EXPECT_EQ(tall.getScale(), 0.5f);
     EXPECT_EQ(tall.getActiveTargetRectangle(), IRectangle(38, 0, 25, 50));
 
-    // Keypoints keep part and score; skeletons are rebuilt with their edges.
-    const Keypoint keypoint(IPoint(150, 50), BodypixBodyPart::LeftHip, 0.7f);
-    const Keypoint back = wide.inverseMap(keypoint);
-    EXPECT_EQ(back.point, IPoint(600, 300));
-    EXPECT_EQ(back.bodyPart, BodypixBodyPart::LeftHip);
-    EXPECT_EQ(back.score, 0.7f);
+    // Keypoints keep part and score; skeletons are rebuilt with their edges, both ways.
     Keypoints keypoints;
-    keypoints.add(keypoint);
+    keypoints.add(Keypoint(IPoint(150, 50), BodypixBodyPart::LeftHip, 0.7f));
     keypoints.add(Keypoint(IPoint(110, 50), BodypixBodyPart::RightHip, 0.8f));
-    const Skeleton<BodypixBodyPart> skeleton(keypoints);
-    const Skeleton<BodypixBodyPart> mapped = wide.inverseMap(skeleton);
-    EXPECT_EQ(mapped.keypoints().get(BodypixBodyPart::RightHip).point, IPoint(440, 300));
-    ASSERT_EQ(mapped.end() - mapped.begin(), 1);
-    EXPECT_EQ(mapped.begin()->keypoint1.point, IPoint(440, 300));
-    const Skeleton<BodypixBodyPart> there = wide.map(mapped);
-    EXPECT_EQ(there.keypoints().get(BodypixBodyPart::RightHip).point, IPoint(110, 50));
+    const Skeleton<BodypixBodyPart> back = wide.inverseMap(Skeleton<BodypixBodyPart>(keypoints));
+    EXPECT_EQ(back.toString(),
+              "Skeleton: 2 keypoints, 1 edges: LeftHip (600, 300) 0.7; RightHip (440, 300) 0.8");
+    EXPECT_EQ(wide.map(back).toString(),
+              "Skeleton: 2 keypoints, 1 edges: LeftHip (150, 50) 0.7; RightHip (110, 50) 0.8");
 }
