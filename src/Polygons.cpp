@@ -92,7 +92,8 @@ std::ostream& operator<<(std::ostream& os, const FActivablePolygon& polygon) {
 }
 
 std::istream& operator>>(std::istream& is, FActivablePolygon& polygon) {
-    bool isActive = false;
+    // Starts from the current flag: a stream that is already exhausted leaves it as it was.
+    bool isActive = polygon.isActive();
     is >> isActive;
     polygon.setActive(isActive);
     return is >> static_cast<FPolygon&>(polygon);
