@@ -81,8 +81,8 @@ public:
     virtual void warning(const std::string& message);
     virtual void error(const std::string& message);
 
-    // Appends the waiting entries to the file, empties the list, then purges. Entries are lost
-    // if the file cannot be opened.
+    // Appends the waiting entries to the file (creating it, also with none waiting), empties the
+    // list, then purges. Entries are lost if the file cannot be opened.
     void flush();
     // Once the file has reached the upper limit, keeps the newest whole lines whose length
     // (newlines not counted) just exceeds the lower limit. Logs "Purging log file. ..." twice

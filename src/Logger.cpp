@@ -193,16 +193,15 @@ void Logger::flush() {
 }
 
 void Logger::flushLocked() {
-    if (!_logEntries.empty()) {
-        std::string batch;
-        for (const LogEntry& entry : _logEntries) {
-            appendSerialized(batch, entry, '|');
-            batch.push_back('\n');
-        }
-        // Entries are dropped even when the file cannot be written: nothing waits forever.
-        _logEntries.clear();
-        appendToFile(_logfilePath, batch);
+    std::string batch;
+    for (const LogEntry& entry : _logEntries) {
+        appendSerialized(batch, entry, '|');
+        batch.push_back('\n');
     }
+    // Entries are dropped even when the file cannot be written: nothing waits forever.
+    _logEntries.clear();
+    // Opened also with nothing to write, so that every flush creates a missing file.
+    appendToFile(_logfilePath, batch);
     purge();
 }
 
