@@ -2,10 +2,11 @@
 // breakdown into named summary columns.
 //
 // Line forms (no blanks, no quoting, no line end; enumerations as integers):
-//   CrowdCountRecord        dateTime,location,object,count                  e.g. 2025-03-01
-//   12:00:05,1,0,7 EntranceActivityRecord  dateTime,location,object,entranceCount,exitCount
+//   CrowdCountRecord        dateTime,location,object,count
+//   EntranceActivityRecord  dateTime,location,object,entranceCount,exitCount
 //   OccupancyObjectRecord   dateTime,object,count
 //   QueueInfoRecord         dateTime,queueLength,entrants,throughput,averageDuration
+// For example, 7 persons in AOI1: "2025-03-01 12:00:05,1,0,7".
 // The form carries no type tag: which kind a line is follows from the file it stands in, which
 // belongs to the application (naming, opening and rotating files is not done here).
 //
