@@ -25,80 +25,79 @@ AOIManager threeAreas(int threshold0 = 0, int threshold1 = 0) {
     return manager;
 }
 
+// Adds the object and checks the answer.
+void expectAdd(AOIManager& manager, int id, const FPoint& point, AOILocation location,
+               AOIDuration duration) {
+    const AOIInfo info = manager.add(id, point);
+    EXPECT_EQ(info.location, location) << "id " << id << " at " << point;
+    EXPECT_EQ(info.duration, duration) << "id " << id << " at " << point;
+}
+
 } // namespace
 
-TEST(AOIManager, LocationPrefersLowerIndexAndSkipsInactiveAreas) {
+TEST(AOIManager, LocationPrefersTheLowerIndexAndSkipsInactiveAreas) {
     AOIManager manager = threeAreas();
     EXPECT_EQ(manager.getLocation(FPoint(50, 50)), AOILocation::AOI0);
     EXPECT_EQ(manager.getLocation(FPoint(80, 50)), AOILocation::AOI1);
     EXPECT_EQ(manager.getLocation(FPoint(210, 95)), AOILocation::AOI2);
     EXPECT_EQ(manager.getLocation(FPoint(150, 50)), AOILocation::Exterior);
-
     AOI off = manager.getAOI(0);
     off.setActive(false);
     ASSERT_TRUE(manager.setAOI(0, off));
     EXPECT_EQ(manager.getLocation(FPoint(50, 50)), AOILocation::AOI1);
-    EXPECT_EQ(manager.getLocation(FPoint(10, 50)), AOILocation::Exterior);
 }
 
-TEST(AOIManager, AreaCountBoundsSettersAndLocations) {
+TEST(AOIManager, TheAreaCountBoundsSettersAndLocations) {
     AOIManager none(0);
-    EXPECT_EQ(none.getNAOIs(), 0u);
     EXPECT_FALSE(none.setAOI(0, true, IRectangle(0, 0, 10, 10), 0));
     EXPECT_FALSE(none.setAOITimeThreshold(0, 5));
     EXPECT_EQ(none.getLocation(FPoint(5, 5)), AOILocation::Exterior);
 
     AOIManager five(5);
     EXPECT_TRUE(five.setAOI(4, true, IRectangle(0, 0, 10, 10), 0));
-    EXPECT_FALSE(five.setAOI(5, true, IRectangle(0, 0, 10, 10), 0));
-    EXPECT_EQ(five.getLocation(FPoint(5, 5)), AOILocation::Exterior); // area 4 is never reported
+    EXPECT_FALSE(five.setAOI(5, true, IPolygon(), 0));
+    EXPECT_EQ(five.getLocation(FPoint(5, 5)), AOILocation::Exterior) << "area 4 is never reported";
 
-    AOIManager manager(NAOI);
-    EXPECT_EQ(manager.getNControlPoints(), 4u);
-    EXPECT_TRUE(manager.setNControlPoints(8));
-    EXPECT_FALSE(manager.setNControlPoints(5));
-    EXPECT_EQ(manager.getNControlPoints(), 8u);
-    EXPECT_TRUE(manager.setAOITimeThreshold(1, -1));
-    EXPECT_EQ(manager.getAOI(1).getAlertSeconds(), 4294967295u);
+    EXPECT_EQ(five.getNControlPoints(), 4u);
+    EXPECT_TRUE(five.setNControlPoints(8));
+    EXPECT_FALSE(five.setNControlPoints(5));
+    EXPECT_EQ(five.getNControlPoints(), 8u);
+    EXPECT_TRUE(five.setAOITimeThreshold(1, -1));
+    EXPECT_EQ(five.getAOI(1).getAlertSeconds(), 4294967295u);
 }
 
 TEST(AOIManager, DwellStateMachine) {
+    const auto briefly = AOIDuration::Briefly;
+    const auto lengthily = AOIDuration::Lengthily;
     AOIManager manager = threeAreas(0, 1);
-    // First sighting is always Briefly, even with threshold 0; the second is Lengthily.
-    AOIInfo info = manager.add(7, FPoint(10, 10));
-    EXPECT_EQ(info.location, AOILocation::AOI0);
-    EXPECT_EQ(info.duration, AOIDuration::Briefly);
-    EXPECT_EQ(manager.add(7, FPoint(20, 20)).duration, AOIDuration::Lengthily);
-
-    // Any change of area restarts the clock, also a move back.
-    info = manager.add(7, FPoint(80, 50));
-    EXPECT_EQ(info.location, AOILocation::AOI1);
-    EXPECT_EQ(info.duration, AOIDuration::Briefly);
-    info = manager.add(7, FPoint(10, 10));
-    EXPECT_EQ(info.duration, AOIDuration::Briefly);
-    EXPECT_EQ(manager.add(7, FPoint(10, 10)).duration, AOIDuration::Lengthily);
-
-    // Exterior is always Briefly, however long the object stays there.
-    EXPECT_EQ(manager.add(8, FPoint(150, 50)).duration, AOIDuration::Briefly);
-    EXPECT_EQ(manager.add(8, FPoint(150, 50)).location, AOILocation::Exterior);
-    EXPECT_EQ(manager.add(8, FPoint(150, 60)).duration, AOIDuration::Briefly);
-    EXPECT_EQ(manager.updateTimeMap(8, AOILocation::Unknown).duration, AOIDuration::Briefly);
-    EXPECT_EQ(manager.updateTimeMap(8, AOILocation::Unknown).duration, AOIDuration::Briefly);
-
-    // After remove the object is new again.
+    const FPoint in0(10, 10);
+    const FPoint in1(80, 50);
+    const FPoint outside(150, 50);
+    // The first sighting is Briefly even with threshold 0, the second Lengthily.
+    expectAdd(manager, 7, in0, AOILocation::AOI0, briefly);
+    expectAdd(manager, 7, FPoint(20, 20), AOILocation::AOI0, lengthily);
+    // Every change of area restarts the clock, a move back as well.
+    expectAdd(manager, 7, in1, AOILocation::AOI1, briefly);
+    expectAdd(manager, 7, in0, AOILocation::AOI0, briefly);
+    expectAdd(manager, 7, in0, AOILocation::AOI0, lengthily);
+    // After remove the object is new again; an unknown id is ignored.
     manager.remove(7);
-    manager.remove(12345); // unknown: ignored
-    EXPECT_EQ(manager.add(7, FPoint(10, 10)).duration, AOIDuration::Briefly);
+    manager.remove(12345);
+    expectAdd(manager, 7, in0, AOILocation::AOI0, briefly);
+    // Exterior, and a location without an area, stay Briefly however long the object stays.
+    expectAdd(manager, 8, outside, AOILocation::Exterior, briefly);
+    expectAdd(manager, 8, outside, AOILocation::Exterior, briefly);
+    EXPECT_EQ(manager.updateTimeMap(8, AOILocation::Unknown).duration, briefly);
+    EXPECT_EQ(manager.updateTimeMap(8, AOILocation::Unknown).duration, briefly);
 
     // Threshold 1 s in area 1: Briefly until a whole second has passed.
-    EXPECT_EQ(manager.add(9, FPoint(80, 50)).duration, AOIDuration::Briefly);
-    EXPECT_EQ(manager.add(9, FPoint(81, 50)).duration, AOIDuration::Briefly);
+    expectAdd(manager, 9, in1, AOILocation::AOI1, briefly);
+    expectAdd(manager, 9, in1, AOILocation::AOI1, briefly);
     std::this_thread::sleep_for(std::chrono::milliseconds(1010));
-    EXPECT_EQ(manager.add(9, FPoint(82, 50)).duration, AOIDuration::Lengthily);
-
-    // Changing the areas keeps the clocks: the object is still Lengthily after setAOI.
+    expectAdd(manager, 9, in1, AOILocation::AOI1, lengthily);
+    // Replacing the area keeps the clocks.
     ASSERT_TRUE(manager.setAOI(1, true, IRectangle(60, 0, 40, 100), 1));
-    EXPECT_EQ(manager.add(9, FPoint(82, 50)).duration, AOIDuration::Lengthily);
+    expectAdd(manager, 9, in1, AOILocation::AOI1, lengthily);
 }
 
 TEST(AOIManager, KnownIdsDoNotAllocate) {
@@ -114,16 +113,15 @@ TEST(AOIManager, KnownIdsDoNotAllocate) {
     }
     EXPECT_EQ(scope.count(), 0u);
     manager.add(1000, FPoint(1, 1));
-    EXPECT_GT(scope.count(), 0u); // a new id does allocate its entry
+    EXPECT_GT(scope.count(), 0u) << "a new id allocates its entry";
 }
 
-TEST(AOIManager, TextFormRoundTripAndLoading) {
+TEST(AOIManager, TextFormRoundTripEqualityAndLoading) {
     const Resolution res(640, 480);
     AOIManager manager(NAOI);
     manager.setNControlPoints(6);
     manager.setAOI(0, true, IPolygon(64, 48, 576, 48, 576, 432, 64, 432), 30);
     manager.setAOI(2, false, IRectangle(320, 240, 320, 240), 5);
-
     const std::string text = manager.serialize(res);
     EXPECT_EQ(text, "6\n3\n"
                     "1 4 0.1 0.1 0.9 0.1 0.9 0.9 0.1 0.9 30 \n"
@@ -134,6 +132,10 @@ TEST(AOIManager, TextFormRoundTripAndLoading) {
     std::istringstream in(text);
     EXPECT_TRUE(copy.deserialize(in, res));
     EXPECT_TRUE(copy == manager);
+    copy.add(1, FPoint(100, 100));
+    EXPECT_TRUE(copy == manager) << "time entries take no part";
+    copy.setAOITimeThreshold(0, 31);
+    EXPECT_FALSE(copy == manager);
 
     // Independent of the analysis resolution: read at another size, written back the same.
     AOIManager scaled(NAOI);
@@ -141,12 +143,6 @@ TEST(AOIManager, TextFormRoundTripAndLoading) {
     EXPECT_TRUE(scaled.deserialize(again, Resolution(1280, 960)));
     EXPECT_EQ(scaled.getAOI(0).getPoint(1), IPoint(1152, 96));
     EXPECT_EQ(scaled.serialize(Resolution(1280, 960)), text);
-
-    // Time entries take no part in equality.
-    copy.add(1, FPoint(100, 100));
-    EXPECT_TRUE(copy == manager);
-    copy.setAOITimeThreshold(0, 31);
-    EXPECT_FALSE(copy == manager);
 
     FAOIS faois{FAOI(true, FRectangle(0, 0, 0.5f, 0.5f), 3), FAOI(), FAOI()};
     AOIManager loaded(NAOI);
@@ -156,7 +152,7 @@ TEST(AOIManager, TextFormRoundTripAndLoading) {
     RecordingLogger logger;
     ScopedLogger scope(logger);
     faois.pop_back();
-    EXPECT_FALSE(loaded.loadFromNormalized(faois, res)); // too few elements: nothing changed
+    EXPECT_FALSE(loaded.loadFromNormalized(faois, res)) << "too few elements: nothing changed";
     EXPECT_TRUE(loaded.getAOI(0) == AOI(true, IRectangle(0, 0, 320, 240), 3));
     ASSERT_EQ(logger.lines.size(), 1u);
     EXPECT_EQ(logger.lines[0].level, "error");
@@ -167,24 +163,25 @@ TEST(AOIManager, DeserializeReportsBadCountsAndKeepsWhatItRead) {
     RecordingLogger logger;
     ScopedLogger scope(logger);
 
-    // Five control points: logged, replaced by 4, the areas are still read.
+    // Five control points: logged, replaced by 4, and the areas are still read.
     AOIManager manager(NAOI);
     std::istringstream five("5\n1\n1 3 0 0 1 0 1 1 7 \n");
     EXPECT_TRUE(manager.deserialize(five, res));
     EXPECT_EQ(manager.getNControlPoints(), 4u);
     EXPECT_EQ(manager.getAOI(0).getAlertSeconds(), 7u);
-    ASSERT_EQ(logger.lines.size(), 1u);
-    EXPECT_EQ(logger.lines[0].message, "STEMLIB::deserialize: Invalid number of control points: 5");
 
     // Three areas into a manager of two: logged, areas 0 and 1 replaced, false at the third.
-    logger.lines.clear();
     AOIManager two(2);
     std::istringstream three("4\n3\n1 3 0 0 1 0 1 1 1 \n1 3 0 0 1 0 1 1 2 \n1 3 0 0 1 0 1 1 3 \n");
     EXPECT_FALSE(two.deserialize(three, res));
     EXPECT_EQ(two.getAOI(0).getAlertSeconds(), 1u);
     EXPECT_EQ(two.getAOI(1).getAlertSeconds(), 2u);
-    ASSERT_EQ(logger.lines.size(), 1u);
-    EXPECT_EQ(logger.lines[0].message, "STEMLIB::deserialize: Invalid number of AOIs: 3");
+
+    ASSERT_EQ(logger.lines.size(), 2u);
+    EXPECT_EQ(logger.lines[0].level, "error");
+    EXPECT_EQ(logger.lines[0].message, "STEMLIB::deserialize: Invalid number of control points: 5");
+    EXPECT_EQ(logger.lines[1].level, "error");
+    EXPECT_EQ(logger.lines[1].message, "STEMLIB::deserialize: Invalid number of AOIs: 3");
 
     // Fewer areas than the manager holds: success, the rest untouched.
     AOIManager keep = threeAreas();
