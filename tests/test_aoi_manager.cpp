@@ -35,7 +35,7 @@ void expectAdd(AOIManager& manager, int id, const FPoint& point, AOILocation loc
 
 } // namespace
 
-TEST(AOIManager, LocationPrefersTheLowerIndexAndSkipsInactiveAreas) {
+TEST(AOIManager, LocationsAndSetters) {
     AOIManager manager = threeAreas();
     EXPECT_EQ(manager.getLocation(FPoint(50, 50)), AOILocation::AOI0);
     EXPECT_EQ(manager.getLocation(FPoint(80, 50)), AOILocation::AOI1);
@@ -45,9 +45,8 @@ TEST(AOIManager, LocationPrefersTheLowerIndexAndSkipsInactiveAreas) {
     off.setActive(false);
     ASSERT_TRUE(manager.setAOI(0, off));
     EXPECT_EQ(manager.getLocation(FPoint(50, 50)), AOILocation::AOI1);
-}
 
-TEST(AOIManager, TheAreaCountBoundsSettersAndLocations) {
+    // The area count bounds the setters; locations stop at AOI2.
     AOIManager none(0);
     EXPECT_FALSE(none.setAOI(0, true, IRectangle(0, 0, 10, 10), 0));
     EXPECT_FALSE(none.setAOITimeThreshold(0, 5));

@@ -129,9 +129,6 @@ TEST(LogEntry, DeserializeConsumesTheLineAndKeepsOnlyTheLastToken) {
         EXPECT_TRUE(line.empty());
         EXPECT_EQ(entry, expected) << text;
     }
-    const LogEntry written("2024-03-09 17:05:42", "app", "error", "disk full");
-    EXPECT_EQ(written.serialize(), "2024-03-09 17:05:42|app|error|disk full");
-    EXPECT_EQ(written.serializeAsPlainText(), "2024-03-09 17:05:42 app error disk full");
 }
 
 TEST_F(LoggerTest, PurgesAtTheUpperLimitKeepingTheLinesThatCrossTheLowerOne) {
