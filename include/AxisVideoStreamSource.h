@@ -26,7 +26,8 @@ namespace Ombrel {
 class AxisVideoStreamSource : public VideoStreamSource {
 public:
     // Opens and starts the stream; throws std::runtime_error when the video service refuses it
-    // (and std::invalid_argument when the camera's rotation is not a number).
+    // (and std::stoi's exception when the camera's rotation is not a number). A failed
+    // construction gives back the settings and the stream that it made.
     explicit AxisVideoStreamSource(const Resolution& resolution);
     ~AxisVideoStreamSource() override;
     AxisVideoStreamSource(const AxisVideoStreamSource&) = delete;

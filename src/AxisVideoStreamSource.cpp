@@ -8,6 +8,7 @@
 #include <opencv2/imgproc.hpp>
 
 #include <exception>
+#include <memory>
 #include <sstream>
 #include <stdexcept>
 
@@ -18,6 +19,12 @@ namespace {
 std::string messageOf(const GError* error) {
     return error != nullptr && error->message != nullptr ? error->message : "unknown error";
 }
+
+struct GObjectUnref {
+    void operator()(gpointer object) const { g_object_unref(object); }
+};
+template <typename T>
+using GObjectPtr = std::unique_ptr<T, GObjectUnref>;
 
 } // namespace
 
@@ -38,52 +45,52 @@ AxisVideoStreamSource::AxisVideoStreamSource(const Resolution& resolution)
         std::stringstream errorStream("AxisVideoStreamSource::AxisVideoStreamSource error :",
                                       std::ios::in | std::ios::out);
         GError* error = nullptr;
+        auto fail = [&](const char* sentence) {
+            errorStream << sentence << messageOf(error);
+            g_clear_error(&error);
+            g_stemlibLogger.error("AxisVideoStreamSource: " + errorStream.str());
+        };
 
+        // Held until the stream runs, so that a failed construction gives back what it made.
         const bool landscape = resolution.width > resolution.height;
-        VdoMap* settings = vdo_map_new();
-        vdo_map_set_uint32(settings, "channel", 1);
-        vdo_map_set_uint32(settings, "format", VDO_FORMAT_YUV);
-        vdo_map_set_uint32(settings, "width", landscape ? _resolution.width : _resolution.height);
-        vdo_map_set_uint32(settings, "height", landscape ? _resolution.height : _resolution.width);
-        vdo_map_set_uint32(settings, "rotation", static_cast<guint32>(_cameraRotation));
+        GObjectPtr<VdoMap> settings(vdo_map_new());
+        vdo_map_set_uint32(settings.get(), "channel", 1);
+        vdo_map_set_uint32(settings.get(), "format", VDO_FORMAT_YUV);
+        vdo_map_set_uint32(settings.get(), "width",
+                           landscape ? _resolution.width : _resolution.height);
+        vdo_map_set_uint32(settings.get(), "height",
+                           landscape ? _resolution.height : _resolution.width);
+        vdo_map_set_uint32(settings.get(), "rotation", static_cast<guint32>(_cameraRotation));
 
-        _vdoStream = vdo_stream_new(settings, nullptr, &error);
-        if (_vdoStream == nullptr) {
-            errorStream << "Failed to create new VDO stream from settings. " << messageOf(error);
-            g_clear_error(&error);
-            g_stemlibLogger.error("AxisVideoStreamSource: " + errorStream.str());
+        GObjectPtr<VdoStream> stream(vdo_stream_new(settings.get(), nullptr, &error));
+        if (!stream) {
+            fail("Failed to create new VDO stream from settings. ");
             throw std::runtime_error(errorStream.str());
         }
-        g_object_unref(settings);
+        settings.reset();
 
-        if (!vdo_stream_attach(_vdoStream, nullptr, &error)) {
-            errorStream << "Failed to attach VDO stream to stream. " << messageOf(error);
-            g_clear_error(&error);
-            g_stemlibLogger.error("AxisVideoStreamSource: " + errorStream.str());
+        if (!vdo_stream_attach(stream.get(), nullptr, &error)) {
+            fail("Failed to attach VDO stream to stream. ");
             throw std::runtime_error(errorStream.str());
         }
 
-        if (VdoMap* current = vdo_stream_get_settings(_vdoStream, &error)) {
+        if (GObjectPtr<VdoMap> current{vdo_stream_get_settings(stream.get(), &error)}) {
             g_stemlibLogger.info(
                 "AxisVideoStreamSource: Starting stream: VDO_FORMAT_YUV, " +
-                std::to_string(vdo_map_get_uint32(current, "width", 0)) + "x" +
-                std::to_string(vdo_map_get_uint32(current, "height", 0)) + ", rotation " +
-                std::to_string(vdo_map_get_uint32(current, "rotation", 0)) + ", " +
-                std::to_string(vdo_map_get_uint32(current, "framerate", 0)) + " fps");
-            g_object_unref(current);
+                std::to_string(vdo_map_get_uint32(current.get(), "width", 0)) + "x" +
+                std::to_string(vdo_map_get_uint32(current.get(), "height", 0)) + ", rotation " +
+                std::to_string(vdo_map_get_uint32(current.get(), "rotation", 0)) + ", " +
+                std::to_string(vdo_map_get_uint32(current.get(), "framerate", 0)) + " fps");
         } else {
             // Only logged: the stream can start without its settings being read back.
-            errorStream << "Failed to attach retrieve VDO stream settings. " << messageOf(error);
-            g_clear_error(&error);
-            g_stemlibLogger.error("AxisVideoStreamSource: " + errorStream.str());
+            fail("Failed to attach retrieve VDO stream settings. ");
         }
 
-        if (!vdo_stream_start(_vdoStream, &error)) {
-            errorStream << "Failed to start VDO stream. " << messageOf(error);
-            g_clear_error(&error);
-            g_stemlibLogger.error("AxisVideoStreamSource: " + errorStream.str());
+        if (!vdo_stream_start(stream.get(), &error)) {
+            fail("Failed to start VDO stream. ");
             throw std::runtime_error(errorStream.str());
         }
+        _vdoStream = stream.release();
 
         g_stemlibLogger.info(
             "AxisVideoStreamSource: Successfully created VideoStreamSource instance");

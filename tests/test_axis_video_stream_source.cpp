@@ -231,9 +231,12 @@ TEST(AxisVideoStreamSource, NullFramePointersAreLoggedNotFollowed) {
     EXPECT_EQ(take(source, 320, 180, 0), rgbFrame(320, 180, 0, 0));
 }
 
-// The exception text of a constructor that fails at `call` with `message`.
+// The exception text of a constructor that fails at `call` with `message`. Nothing of the video
+// service is left behind.
 std::string constructionError(const std::string& call, const std::string& message,
                               RecordingLogger& logger) {
+    const long streams = stemlib_host_live_objects("VdoStream");
+    const long maps = stemlib_host_live_objects("VdoMap");
     stemlib_host_set_failure(call.c_str(), message.c_str());
     std::string what;
     try {
@@ -249,6 +252,8 @@ std::string constructionError(const std::string& call, const std::string& messag
         EXPECT_EQ(errors.back(), "STEMLIB::AxisVideoStreamSource: " + what);
     }
     logger.lines.clear();
+    EXPECT_EQ(stemlib_host_live_objects("VdoStream"), streams) << call;
+    EXPECT_EQ(stemlib_host_live_objects("VdoMap"), maps) << call;
     return what;
 }
 

@@ -436,12 +436,20 @@ TEST(HostVdoStream, RingBuffersReturnByUnrefOrByDroppingTheReference) {
     expectError(error, VDO_ERROR, VDO_ERROR_INVALID_ARGUMENT, "another stream");
     EXPECT_TRUE(vdo_stream_buffer_unref(other.get(), &foreign, nullptr));
 
-    // A buffer still held when its stream goes away stays readable until released.
+    // A buffer still held when its stream goes away stays readable until released; the service
+    // frees such a buffer when it next finalizes a stream.
+    const long streams = stemlib_host_live_objects("VdoStream");
+    const long frames = stemlib_host_live_objects("VdoFrame");
     VdoBuffer* held = vdo_stream_get_buffer(other.get(), nullptr);
     ASSERT_NE(held, nullptr);
     other.reset();
+    EXPECT_EQ(stemlib_host_live_objects("VdoFrame"), frames - 1);
     EXPECT_EQ(bufferBytes(held), generatorFrame(160, 90, 0, 1));
     g_object_unref(held);
+    stream.reset();
+    EXPECT_EQ(stemlib_host_live_objects("VdoStream"), streams - 2);
+    EXPECT_EQ(stemlib_host_live_objects("VdoFrame"), frames - 4);
+    EXPECT_EQ(stemlib_host_live_objects("VdoBuffer"), -1);
 }
 
 TEST(HostVdoStream, FramesAfterTheFirstRoundAllocateNothing) {

@@ -4,11 +4,13 @@
 
 #include "stemlib-host.h"
 
+#include <atomic>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <iterator>
 #include <map>
 #include <mutex>
 #include <sstream>
@@ -69,6 +71,9 @@ struct State {
     // that checks for failures on every frame stays allocation-free.
     std::map<std::string, Failure, std::less<>> failures;
 };
+
+constexpr const char* kObjectTypes[] = {"VdoStream", "VdoMap", "VdoChannel", "VdoFrame"};
+std::atomic<long> g_liveObjects[std::size(kObjectTypes)];
 
 State& state() {
     static State s;
@@ -244,6 +249,10 @@ std::optional<std::string> takeFailure(const char* call) {
     return found->second.message;
 }
 
+void countObject(ObjectKind kind, int delta) {
+    g_liveObjects[static_cast<std::size_t>(kind)] += delta;
+}
+
 std::vector<std::string> splitList(const std::string& value) {
     std::vector<std::string> items;
     std::stringstream stream(value);
@@ -320,6 +329,16 @@ extern "C" void stemlib_host_clear_failures(void) {
     std::lock_guard<std::mutex> lock(s.mutex);
     initialiseLocked(s);
     s.failures.clear();
+}
+
+extern "C" long stemlib_host_live_objects(const char* type_name) {
+    using namespace stemlib_host;
+    for (std::size_t i = 0; type_name != nullptr && i < std::size(kObjectTypes); ++i) {
+        if (std::strcmp(type_name, kObjectTypes[i]) == 0) {
+            return g_liveObjects[i].load();
+        }
+    }
+    return -1;
 }
 
 extern "C" int stemlib_host_render_generator_frame(unsigned int width, unsigned int height,

@@ -58,6 +58,10 @@ void setCamera(std::shared_ptr<const CameraDescription> description);
 // call counts towards any "skip" given); otherwise nothing. Stand-ins call this first thing.
 std::optional<std::string> takeFailure(const char* call);
 
+// Live objects of the video service, counted by their init and finalize functions.
+enum class ObjectKind { Stream, Map, Channel, Frame };
+void countObject(ObjectKind kind, int delta);
+
 // Splits "a, b ,c" at commas, trimming blanks; empty items are dropped.
 std::vector<std::string> splitList(const std::string& value);
 // Parses "1920x1080"; false when the text is not two positive numbers joined by 'x'.

@@ -34,6 +34,11 @@ void stemlib_host_set_failure_after(const char* call, unsigned int skip, const c
 /* Stops every requested failure, also those of the description file and STEMLIB_HOST_FAIL. */
 void stemlib_host_clear_failures(void);
 
+/* The number of objects of the video service that are alive in the process, by type name:
+ * "VdoStream", "VdoMap", "VdoChannel" or "VdoFrame" (a stream's buffers); -1 for any other name.
+ * For finding handles that an application never releases. */
+long stemlib_host_live_objects(const char* type_name);
+
 /* Draws frame number `sequence` of the built-in generator, exactly as a stream with these
  * settings delivers it: NV12 of width by height (both even) turned clockwise by rotation (0, 90,
  * 180 or 270), so that tests can predict a stream's pixels. nv12 holds size bytes, at least

@@ -14,10 +14,18 @@ struct _VdoChannel {
 
 G_DEFINE_FINAL_TYPE(VdoChannel, vdo_channel, G_TYPE_OBJECT)
 
-static void vdo_channel_class_init(VdoChannelClass*) {}
+static void vdo_channel_finalize(GObject* object) {
+    stemlib_host::countObject(stemlib_host::ObjectKind::Channel, -1);
+    G_OBJECT_CLASS(vdo_channel_parent_class)->finalize(object);
+}
+
+static void vdo_channel_class_init(VdoChannelClass* klass) {
+    G_OBJECT_CLASS(klass)->finalize = vdo_channel_finalize;
+}
 
 static void vdo_channel_init(VdoChannel* self) {
     self->id = 0;
+    stemlib_host::countObject(stemlib_host::ObjectKind::Channel, 1);
 }
 
 namespace stemlib_host {

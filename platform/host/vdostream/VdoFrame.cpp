@@ -17,6 +17,7 @@ static void vdo_frame_finalize(GObject* object) {
     }
     std::unique_ptr<stemlib_host::FrameSlot> slot(self->slot);
     self->slot = nullptr;
+    stemlib_host::countObject(stemlib_host::ObjectKind::Frame, -1);
     G_OBJECT_CLASS(vdo_frame_parent_class)->finalize(object);
 }
 
@@ -26,6 +27,7 @@ static void vdo_frame_class_init(VdoFrameClass* klass) {
 
 static void vdo_frame_init(VdoFrame* self) {
     self->slot = std::make_unique<stemlib_host::FrameSlot>().release();
+    stemlib_host::countObject(stemlib_host::ObjectKind::Frame, 1);
 }
 
 GQuark vdo_error_quark(void) {

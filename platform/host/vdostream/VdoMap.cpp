@@ -1,4 +1,6 @@
 // VdoMap: named, typed values.
+#include "HostCamera.h"
+
 #include <vdo-map.h>
 
 #include <cmath>
@@ -60,6 +62,7 @@ G_DEFINE_FINAL_TYPE(VdoMap, vdo_map, G_TYPE_OBJECT)
 static void vdo_map_finalize(GObject* object) {
     std::unique_ptr<MapImpl> impl(VDO_MAP(object)->impl);
     VDO_MAP(object)->impl = nullptr;
+    stemlib_host::countObject(stemlib_host::ObjectKind::Map, -1);
     G_OBJECT_CLASS(vdo_map_parent_class)->finalize(object);
 }
 
@@ -69,6 +72,7 @@ static void vdo_map_class_init(VdoMapClass* klass) {
 
 static void vdo_map_init(VdoMap* self) {
     self->impl = std::make_unique<MapImpl>().release();
+    stemlib_host::countObject(stemlib_host::ObjectKind::Map, 1);
 }
 
 namespace {

@@ -210,6 +210,7 @@ static void vdo_stream_finalize(GObject* object) {
         }
     }
     impl.reset();
+    stemlib_host::countObject(stemlib_host::ObjectKind::Stream, -1);
     G_OBJECT_CLASS(vdo_stream_parent_class)->finalize(object);
 }
 
@@ -219,6 +220,7 @@ static void vdo_stream_class_init(VdoStreamClass* klass) {
 
 static void vdo_stream_init(VdoStream* self) {
     self->impl = std::make_unique<StreamImpl>().release();
+    stemlib_host::countObject(stemlib_host::ObjectKind::Stream, 1);
 }
 
 VdoStream* vdo_stream_new(VdoMap* settings, VdoBufferFinalizer fin, GError** error) {
