@@ -129,7 +129,7 @@ public:
     // root.Properties.System.Soc: "Axis Artpec-6" to "Axis Artpec-9", anything else Unknown.
     SystemOnChip getCameraSOC() const;
     // root.Image.I0.Appearance.Rotation in degrees; 0, with an error logged, when unreadable.
-    // A text that is not a number throws std::invalid_argument (from std::stoi).
+    // A text that is not a number throws std::stoi's std::invalid_argument or std::out_of_range.
     int getCameraRotation() const;
     // "4:3" Fullscreen, "16:9" Widescreen, "1:1" Square, anything else Invalid.
     AspectRatio getSensorAspectRatioType() const;
