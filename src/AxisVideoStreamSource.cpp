@@ -5,8 +5,6 @@
 
 #include <vdo-stream.h>
 
-#include <opencv2/imgproc.hpp>
-
 #include <exception>
 #include <memory>
 #include <sstream>
@@ -217,18 +215,8 @@ bool AxisVideoStreamSource::getFrame(const Resolution& requestedResolution, int 
 }
 
 cv::Mat AxisVideoStreamSource::toCVMat() const {
-    if (_cameraRotation == 90 || _cameraRotation == 270) {
-        // The shape of _resolution, as for an unturned camera: the turned picture in the buffer
-        // is not taken into account.
-        if (_imageBuffer == nullptr || _resolution.area() == 0) {
-            g_stemlibLogger.error("toCVMat: Image buffer is null");
-            return cv::Mat();
-        }
-        cv::Mat image(static_cast<int>(_resolution.height), static_cast<int>(_resolution.width),
-                      CV_8UC3, _imageBuffer);
-        cv::cvtColor(image, image, cv::COLOR_RGB2BGR);
-        return image.clone();
-    }
+    // A turned camera's picture keeps the shape of _resolution here too: the turned layout of the
+    // image buffer is not taken into account.
     return VideoStreamSource::toCVMat();
 }
 
