@@ -41,11 +41,6 @@ TEST(HostBusctl, AnswersTheFocalLengthAsTheVerboseToolDoes) {
     const CommandResult answer = run(kQuery);
     EXPECT_EQ(answer.status, 0);
     EXPECT_EQ(answer.out, "UINT32 4000;\n");
-    // The reading of the library: drop the type word and blank, and the line end.
-    std::string text = answer.out;
-    text.erase(0, 7);
-    text.erase(text.size() - 1);
-    EXPECT_EQ(std::stoi(text), 4000);
 
     const CommandResult terse =
         run("busctl get-property com.axis.Optics2 /com/axis/Optics0 com.axis.Iris1 "

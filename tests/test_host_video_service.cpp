@@ -9,10 +9,10 @@
 
 #include <gtest/gtest.h>
 #include <opencv2/imgcodecs.hpp>
+#include <opencv2/imgproc.hpp>
 #include <opencv2/videoio.hpp>
 
 #include <chrono>
-#include <cstring>
 #include <fstream>
 #include <memory>
 #include <string>
@@ -22,17 +22,13 @@
 namespace {
 
 using StemlibTest::HostCameraScope;
+using Bytes = std::vector<std::uint8_t>;
 
 struct GObjectUnref {
     void operator()(gpointer object) const { g_object_unref(object); }
 };
 template <typename T>
 using GPtr = std::unique_ptr<T, GObjectUnref>;
-
-struct ErrorFree {
-    void operator()(GError* error) const { g_error_free(error); }
-};
-using ErrorPtr = std::unique_ptr<GError, ErrorFree>;
 
 const char* const kSmallCamera = R"(
 root.Image.I0.Appearance.Rotation = 0
@@ -51,23 +47,23 @@ GPtr<VdoMap> settingsMap(guint32 width, guint32 height, guint32 rotation) {
     return map;
 }
 
+// A started stream; null, with a test failure, when the service refuses it.
 GPtr<VdoStream> openStream(VdoMap* settings) {
     GError* error = nullptr;
     GPtr<VdoStream> stream(vdo_stream_new(settings, nullptr, &error));
-    EXPECT_NE(stream, nullptr) << (error != nullptr ? error->message : "");
-    ErrorPtr owned(error);
     if (stream && !vdo_stream_start(stream.get(), &error)) {
-        ADD_FAILURE() << error->message;
-        g_error_free(error);
+        stream.reset();
     }
+    EXPECT_NE(stream, nullptr) << (error != nullptr ? error->message : "");
+    g_clear_error(&error);
     return stream;
 }
 
-// The failure of a call that must fail: domain, code and a part of the message.
-// Releases the error and clears the pointer.
-void expectError(GError*& error, GQuark domain, int code, const std::string& part) {
+// The failure of a call that must fail: domain, code and a part of the message. Releases the
+// error and clears the pointer.
+void expectError(GError*& error, int code, const std::string& part) {
     ASSERT_NE(error, nullptr);
-    EXPECT_EQ(error->domain, domain);
+    EXPECT_EQ(error->domain, VDO_ERROR);
     EXPECT_EQ(error->code, code);
     EXPECT_NE(std::string(error->message).find(part), std::string::npos) << error->message;
     g_clear_error(&error);
@@ -75,22 +71,19 @@ void expectError(GError*& error, GQuark domain, int code, const std::string& par
 
 std::string newStreamError(VdoMap* settings, int code, const std::string& part) {
     GError* error = nullptr;
-    VdoStream* stream = vdo_stream_new(settings, nullptr, &error);
+    GPtr<VdoStream> stream(vdo_stream_new(settings, nullptr, &error));
     EXPECT_EQ(stream, nullptr);
-    if (stream != nullptr) {
-        g_object_unref(stream);
-    }
     const std::string message = error != nullptr ? error->message : "";
-    expectError(error, VDO_ERROR, code, part);
+    expectError(error, code, part);
     return message;
 }
 
-std::vector<std::uint8_t> bufferBytes(VdoBuffer* buffer) {
+Bytes bufferBytes(VdoBuffer* buffer) {
     const auto* data = static_cast<const std::uint8_t*>(vdo_buffer_get_data(buffer));
-    return std::vector<std::uint8_t>(data, data + vdo_frame_get_size(vdo_buffer_get_frame(buffer)));
+    return Bytes(data, data + vdo_frame_get_size(vdo_buffer_get_frame(buffer)));
 }
 
-std::vector<std::uint8_t> nextFrame(VdoStream* stream, guint* sequence = nullptr) {
+Bytes nextFrame(VdoStream* stream, guint* sequence = nullptr) {
     GError* error = nullptr;
     VdoBuffer* buffer = vdo_stream_get_buffer(stream, &error);
     if (buffer == nullptr) {
@@ -98,7 +91,7 @@ std::vector<std::uint8_t> nextFrame(VdoStream* stream, guint* sequence = nullptr
         g_error_free(error);
         return {};
     }
-    std::vector<std::uint8_t> bytes = bufferBytes(buffer);
+    Bytes bytes = bufferBytes(buffer);
     if (sequence != nullptr) {
         *sequence = vdo_frame_get_sequence_nbr(vdo_buffer_get_frame(buffer));
     }
@@ -107,9 +100,8 @@ std::vector<std::uint8_t> nextFrame(VdoStream* stream, guint* sequence = nullptr
     return bytes;
 }
 
-std::vector<std::uint8_t> generatorFrame(unsigned w, unsigned h, unsigned rotation,
-                                         unsigned long long sequence) {
-    std::vector<std::uint8_t> frame(std::size_t{w} * h * 3 / 2);
+Bytes generatorFrame(unsigned w, unsigned h, unsigned rotation, unsigned long long sequence) {
+    Bytes frame(std::size_t{w} * h * 3 / 2);
     EXPECT_EQ(
         stemlib_host_render_generator_frame(w, h, rotation, sequence, frame.data(), frame.size()),
         0);
@@ -118,110 +110,64 @@ std::vector<std::uint8_t> generatorFrame(unsigned w, unsigned h, unsigned rotati
 
 TEST(HostVdoMap, KeepsTypedValuesAndConvertsBetweenNumbers) {
     GPtr<VdoMap> map(vdo_map_new());
-    EXPECT_TRUE(vdo_map_empty(map.get()));
     vdo_map_set_uint32(map.get(), "width", 1920);
     vdo_map_set_double(map.get(), "framerate", 29.97);
     vdo_map_set_int32(map.get(), "offset", -4);
+    vdo_map_set_double(map.get(), "huge", 1e12);
     vdo_map_set_string(map.get(), "image.fit", "scale");
-    vdo_map_set_boolean(map.get(), "flag", TRUE);
-    EXPECT_EQ(vdo_map_get_size(map.get()), 5U);
-    EXPECT_TRUE(vdo_map_contains(map.get(), "width"));
     EXPECT_FALSE(vdo_map_contains(map.get(), "height"));
-
-    EXPECT_EQ(vdo_map_get_uint32(map.get(), "width", 0), 1920U);
     EXPECT_EQ(vdo_map_get_uint32(map.get(), "height", 7), 7U);
     // Read as another numeric type: truncated, saturated, and negative as 0 when unsigned.
     EXPECT_EQ(vdo_map_get_uint32(map.get(), "framerate", 0), 29U);
-    EXPECT_DOUBLE_EQ(vdo_map_get_double(map.get(), "width", 0.0), 1920.0);
+    EXPECT_EQ(vdo_map_get_uint32(map.get(), "huge", 0), 0xFFFFFFFFU);
     EXPECT_EQ(vdo_map_get_uint32(map.get(), "offset", 9), 0U);
-    EXPECT_EQ(vdo_map_get_int32(map.get(), "offset", 0), -4);
-    EXPECT_TRUE(vdo_map_get_boolean(map.get(), "flag", FALSE));
     // A text is no number, and a number no text.
     EXPECT_EQ(vdo_map_get_uint32(map.get(), "image.fit", 5), 5U);
-    gsize size = 99;
-    EXPECT_STREQ(vdo_map_get_string(map.get(), "width", &size, "none"), "none");
-    EXPECT_EQ(size, 0U);
-    EXPECT_STREQ(vdo_map_get_string(map.get(), "image.fit", &size, nullptr), "scale");
-    EXPECT_EQ(size, 6U);
-
-    vdo_map_set_double(map.get(), "huge", 1e12);
-    EXPECT_EQ(vdo_map_get_uint32(map.get(), "huge", 0), 0xFFFFFFFFU);
-    vdo_map_set_uint32(map.get(), "width", 640);
-    EXPECT_EQ(vdo_map_get_uint32(map.get(), "width", 0), 640U);
-    vdo_map_remove(map.get(), "width");
-    EXPECT_FALSE(vdo_map_contains(map.get(), "width"));
+    EXPECT_STREQ(vdo_map_get_string(map.get(), "width", nullptr, "none"), "none");
+    EXPECT_STREQ(vdo_map_get_string(map.get(), "image.fit", nullptr, nullptr), "scale");
 }
 
 TEST(HostVdoChannel, ListsChannelsAndResolutionsFromTheDescription) {
     HostCameraScope camera(kSmallCamera);
     GError* error = nullptr;
     GList* channels = vdo_channel_get_all(&error);
-    ASSERT_NE(channels, nullptr);
     ASSERT_EQ(g_list_length(channels), 2U);
     VdoChannel* first = VDO_CHANNEL(channels->data);
     EXPECT_EQ(vdo_channel_get_id(first), 1U);
     EXPECT_EQ(vdo_channel_get_id(VDO_CHANNEL(channels->next->data)), 2U);
-
-    VdoResolutionSet* set = vdo_channel_get_resolutions(first, nullptr, &error);
-    ASSERT_NE(set, nullptr);
-    ASSERT_EQ(set->count, 3U);
-    // Largest first.
-    EXPECT_EQ(set->resolutions[0].width, 640U);
-    EXPECT_EQ(set->resolutions[0].height, 360U);
-    EXPECT_EQ(set->resolutions[2].width, 160U);
-    g_free(set);
-
+    // Largest first; the filter picks an aspect ratio, or the smallest and the largest.
     GPtr<VdoMap> filter(vdo_map_new());
+    auto listed = [&](VdoChannel* channel) {
+        std::string text;
+        VdoResolutionSet* set = vdo_channel_get_resolutions(channel, filter.get(), &error);
+        for (gsize i = 0; set != nullptr && i < set->count; ++i) {
+            text += std::to_string(set->resolutions[i].width) + "x" +
+                    std::to_string(set->resolutions[i].height) + " ";
+        }
+        g_free(set);
+        return text;
+    };
+    EXPECT_EQ(listed(first), "640x360 320x180 160x90 ");
     vdo_map_set_string(filter.get(), "select", "minmax");
-    set = vdo_channel_get_resolutions(first, filter.get(), &error);
-    ASSERT_NE(set, nullptr);
-    ASSERT_EQ(set->count, 2U);
-    EXPECT_EQ(set->resolutions[1].width, 160U);
-    g_free(set);
-    vdo_map_set_string(filter.get(), "select", "all");
+    EXPECT_EQ(listed(first), "640x360 160x90 ");
     vdo_map_set_string(filter.get(), "aspect_ratio", "4:3");
-    set = vdo_channel_get_resolutions(VDO_CHANNEL(channels->next->data), filter.get(), &error);
-    ASSERT_NE(set, nullptr);
-    EXPECT_EQ(set->count, 2U);
-    g_free(set);
-    set = vdo_channel_get_resolutions(first, filter.get(), &error);
-    ASSERT_NE(set, nullptr);
-    EXPECT_EQ(set->count, 0U);
-    g_free(set);
+    EXPECT_EQ(listed(first), "");
+    EXPECT_EQ(listed(VDO_CHANNEL(channels->next->data)), "800x600 400x300 ");
     g_list_free_full(channels, g_object_unref);
 
-    GPtr<VdoChannel> second(vdo_channel_get(2, &error));
-    ASSERT_NE(second, nullptr);
     EXPECT_EQ(vdo_channel_get(3, &error), nullptr);
-    expectError(error, VDO_ERROR, VDO_ERROR_NOT_FOUND, "channel 3 does not exist");
-}
-
-TEST(HostVdoChannel, ReportsUnreadableDescriptionsAndInjectedFailures) {
-    HostCameraScope camera("channels = 1, 2\nchannel.1.resolutions = 640x360, 12x\n");
-    GError* error = nullptr;
+    expectError(error, VDO_ERROR_NOT_FOUND, "channel 3 does not exist");
+    camera.reload("channels = 1, 2\nchannel.1.resolutions = 640x360, 12x\n");
     GPtr<VdoChannel> one(vdo_channel_get(1, &error));
     GPtr<VdoChannel> two(vdo_channel_get(2, &error));
     ASSERT_TRUE(one && two);
     EXPECT_EQ(vdo_channel_get_resolutions(one.get(), nullptr, &error), nullptr);
-    expectError(error, VDO_ERROR, VDO_ERROR_FAILED, "\"12x\" is not a size");
+    expectError(error, VDO_ERROR_FAILED, "\"12x\" is not a size");
     EXPECT_EQ(vdo_channel_get_resolutions(two.get(), nullptr, &error), nullptr);
-    expectError(error, VDO_ERROR, VDO_ERROR_NOT_FOUND, "no resolutions for channel 2");
-
-    camera.reload("channels = 1\nchannel.1.resolutions = 640x360\n");
-    stemlib_host_set_failure("vdo_channel_get_all", "channel list unavailable");
-    EXPECT_EQ(vdo_channel_get_all(&error), nullptr);
-    expectError(error, VDO_ERROR, VDO_ERROR_FAILED, "channel list unavailable");
-    stemlib_host_set_failure("vdo_channel_get_all", nullptr);
-    stemlib_host_set_failure_after("vdo_channel_get_resolutions", 1, "second read fails");
-    VdoResolutionSet* set = vdo_channel_get_resolutions(one.get(), nullptr, nullptr);
-    EXPECT_NE(set, nullptr);
-    g_free(set);
-    EXPECT_EQ(vdo_channel_get_resolutions(one.get(), nullptr, &error), nullptr);
-    expectError(error, VDO_ERROR, VDO_ERROR_FAILED, "second read fails");
-
+    expectError(error, VDO_ERROR_NOT_FOUND, "no resolutions for channel 2");
     camera.reload("root.Brand.ProdShortName = No video\n");
     EXPECT_EQ(vdo_channel_get_all(&error), nullptr);
-    expectError(error, VDO_ERROR, VDO_ERROR_NOT_FOUND, "has no video channel");
+    expectError(error, VDO_ERROR_NOT_FOUND, "has no video channel");
 }
 
 TEST(HostVdoStream, DefaultCameraStreamsFullHdFramesOfTheGenerator) {
@@ -230,16 +176,15 @@ TEST(HostVdoStream, DefaultCameraStreamsFullHdFramesOfTheGenerator) {
     ASSERT_NE(stream, nullptr);
     GPtr<VdoMap> settings(vdo_stream_get_settings(stream.get(), nullptr));
     ASSERT_NE(settings, nullptr);
-    EXPECT_EQ(vdo_map_get_uint32(settings.get(), "channel", 0), 1U);
-    EXPECT_EQ(vdo_map_get_uint32(settings.get(), "format", 0), 3U);
-    EXPECT_EQ(vdo_map_get_uint32(settings.get(), "width", 0), 1920U);
-    EXPECT_EQ(vdo_map_get_uint32(settings.get(), "height", 0), 1080U);
-    EXPECT_EQ(vdo_map_get_uint32(settings.get(), "rotation", 9), 0U);
-    EXPECT_EQ(vdo_map_get_uint32(settings.get(), "framerate", 9), 0U);
-    EXPECT_EQ(vdo_map_get_uint32(settings.get(), "buffer.count", 0), 3U);
+    const std::vector<std::pair<const char*, guint32>> expected = {
+        {"channel", 1},  {"format", 3},    {"width", 1920},    {"height", 1080},
+        {"rotation", 0}, {"framerate", 0}, {"buffer.count", 3}};
+    for (const auto& [key, value] : expected) {
+        EXPECT_EQ(vdo_map_get_uint32(settings.get(), key, 99), value) << key;
+    }
 
     guint sequence = 99;
-    const std::vector<std::uint8_t> frame = nextFrame(stream.get(), &sequence);
+    const Bytes frame = nextFrame(stream.get(), &sequence);
     ASSERT_EQ(frame.size(), 1920U * 1080U * 3U / 2U);
     EXPECT_EQ(sequence, 0U);
     EXPECT_EQ(frame, generatorFrame(1920, 1080, 0, 0));
@@ -253,8 +198,7 @@ TEST(HostVdoStream, DefaultCameraStreamsFullHdFramesOfTheGenerator) {
     EXPECT_EQ(frame[100 * 1920 + 700], 82);
     EXPECT_EQ(frame[16 * 1920 + 297], 235);
     EXPECT_EQ(frame[44 * 1920 + 312], 16);
-    const std::vector<std::uint8_t> eighth = generatorFrame(1920, 1080, 0, 8);
-    EXPECT_EQ(eighth[44 * 1920 + 312], 235);
+    EXPECT_EQ(generatorFrame(1920, 1080, 0, 8)[44 * 1920 + 312], 235);
 }
 
 TEST(HostVdoStream, EveryFrameOfTheRingMatchesTheGeneratorAtEachRotation) {
@@ -281,74 +225,43 @@ TEST(HostVdoStream, EveryFrameOfTheRingMatchesTheGeneratorAtEachRotation) {
         // More frames than buffers: later frames redraw only what moved on reused buffers.
         for (guint expected = 0; expected < 9; ++expected) {
             guint sequence = 0;
-            const std::vector<std::uint8_t> frame = nextFrame(stream.get(), &sequence);
+            const Bytes frame = nextFrame(stream.get(), &sequence);
             EXPECT_EQ(sequence, expected);
             ASSERT_EQ(frame, generatorFrame(640, 360, rotation, expected)) << expected;
         }
     }
 }
 
+// An NV12 frame as a blue-first picture; each U,V pair serves its whole 2 by 2 block.
+cv::Mat toBgr(const Bytes& nv12, int width, int height) {
+    cv::Mat bgr;
+    cv::cvtColor(cv::Mat(height * 3 / 2, width, CV_8UC1, const_cast<std::uint8_t*>(nv12.data())),
+                 bgr, cv::COLOR_YUV2BGR_NV12);
+    return bgr;
+}
+
 TEST(HostVdoStream, RotationTurnsThePictureClockwise) {
-    const unsigned w = 160;
-    const unsigned h = 90;
-    const std::vector<std::uint8_t> straight = generatorFrame(w, h, 0, 5);
-    for (unsigned rotation : {90U, 180U, 270U}) {
-        SCOPED_TRACE(rotation);
-        const std::vector<std::uint8_t> turned = generatorFrame(w, h, rotation, 5);
-        const unsigned ow = rotation == 180 ? w : h;
-        const unsigned oh = rotation == 180 ? h : w;
-        // Sensor pixel (x, y) lands where a clockwise turn puts it, in Y and in U,V blocks.
-        auto place = [&](unsigned x, unsigned y, unsigned width, unsigned height, unsigned& ox,
-                         unsigned& oy) {
-            if (rotation == 90) {
-                ox = height - 1 - y;
-                oy = x;
-            } else if (rotation == 180) {
-                ox = width - 1 - x;
-                oy = height - 1 - y;
-            } else {
-                ox = y;
-                oy = width - 1 - x;
-            }
-        };
-        for (unsigned y = 0; y < h; ++y) {
-            for (unsigned x = 0; x < w; ++x) {
-                unsigned ox = 0;
-                unsigned oy = 0;
-                place(x, y, w, h, ox, oy);
-                ASSERT_EQ(turned[oy * ow + ox], straight[y * w + x]) << x << "," << y;
-            }
-        }
-        for (unsigned by = 0; by < h / 2; ++by) {
-            for (unsigned bx = 0; bx < w / 2; ++bx) {
-                unsigned obx = 0;
-                unsigned oby = 0;
-                place(bx, by, w / 2, h / 2, obx, oby);
-                const std::size_t from = w * h + by * w + 2 * bx;
-                const std::size_t to = ow * oh + oby * ow + 2 * obx;
-                ASSERT_EQ(turned[to], straight[from]);
-                ASSERT_EQ(turned[to + 1], straight[from + 1]);
-            }
-        }
+    const cv::Mat straight = toBgr(generatorFrame(160, 90, 0, 5), 160, 90);
+    const std::vector<std::pair<unsigned, cv::RotateFlags>> turns = {
+        {90, cv::ROTATE_90_CLOCKWISE},
+        {180, cv::ROTATE_180},
+        {270, cv::ROTATE_90_COUNTERCLOCKWISE}};
+    for (const auto& [rotation, flag] : turns) {
+        cv::Mat expected;
+        cv::rotate(straight, expected, flag);
+        const cv::Mat turned =
+            toBgr(generatorFrame(160, 90, rotation, 5), expected.cols, expected.rows);
+        EXPECT_EQ(cv::norm(turned, expected, cv::NORM_INF), 0.0) << rotation;
     }
 }
 
-TEST(HostVdoStream, DefaultRotationIsTheCameraRotationAndStreamsAreIndependent) {
+TEST(HostVdoStream, DefaultRotationIsTheCameraRotation) {
     HostCameraScope camera(std::string(kSmallCamera) + "root.Image.I0.Appearance.Rotation = 270\n");
     GPtr<VdoMap> plain(vdo_map_new());
-    vdo_map_set_uint32(plain.get(), "width", 320);
-    vdo_map_set_uint32(plain.get(), "height", 180);
+    vdo_map_set_string(plain.get(), "resolution", "320x180");
     GPtr<VdoStream> turned = openStream(plain.get());
-    GPtr<VdoMap> other(vdo_map_new());
-    vdo_map_set_string(other.get(), "resolution", "400x300");
-    vdo_map_set_uint32(other.get(), "channel", 2);
-    vdo_map_set_uint32(other.get(), "rotation", 0);
-    GPtr<VdoStream> second = openStream(other.get());
-    ASSERT_TRUE(turned && second);
+    ASSERT_NE(turned, nullptr);
     EXPECT_EQ(nextFrame(turned.get()), generatorFrame(320, 180, 270, 0));
-    EXPECT_EQ(nextFrame(second.get()), generatorFrame(400, 300, 0, 0));
-    EXPECT_EQ(nextFrame(second.get()), generatorFrame(400, 300, 0, 1));
-    EXPECT_EQ(nextFrame(turned.get()), generatorFrame(320, 180, 270, 1));
 }
 
 TEST(HostVdoStream, RejectsSettingsThatTheCameraCannotServe) {
@@ -362,28 +275,13 @@ TEST(HostVdoStream, RejectsSettingsThatTheCameraCannotServe) {
     GPtr<VdoMap> portrait = settingsMap(180, 320, 0);
     EXPECT_NE(openStream(portrait.get()), nullptr);
 
+    // The format, and the ring's size, which bounds the memory of a stream.
     GPtr<VdoMap> map(vdo_map_new());
     vdo_map_set_uint32(map.get(), "format", VDO_FORMAT_H264);
     newStreamError(map.get(), VDO_ERROR_NOT_SUPPORTED, "only VDO_FORMAT_YUV");
     map.reset(vdo_map_new());
-    vdo_map_set_uint32(map.get(), "channel", 7);
-    newStreamError(map.get(), VDO_ERROR_NOT_FOUND, "channel 7 does not exist");
-    map.reset(vdo_map_new());
-    vdo_map_set_uint32(map.get(), "width", 320);
-    newStreamError(map.get(), VDO_ERROR_INVALID_ARGUMENT,
-                   "width and height must be given together");
-    map.reset(vdo_map_new());
-    vdo_map_set_uint32(map.get(), "buffer.count", 0);
+    vdo_map_set_uint32(map.get(), "buffer.count", 33);
     newStreamError(map.get(), VDO_ERROR_INVALID_ARGUMENT, "buffer.count must be from 1 to 32");
-    map.reset(vdo_map_new());
-    vdo_map_set_double(map.get(), "framerate", -1.0);
-    newStreamError(map.get(), VDO_ERROR_INVALID_ARGUMENT, "framerate must be from 0 to 1000");
-    map.reset(vdo_map_new());
-    vdo_map_set_string(map.get(), "image.fit", "letterbox");
-    newStreamError(map.get(), VDO_ERROR_INVALID_ARGUMENT, "image.fit must be");
-    map.reset(vdo_map_new());
-    vdo_map_set_string(map.get(), "resolution", "wide");
-    newStreamError(map.get(), VDO_ERROR_INVALID_ARGUMENT, "\"wide\" is not a size");
 
     camera.reload(std::string(kSmallCamera) + "video.input = file:missing.mp4\n");
     const std::string message = newStreamError(nullptr, VDO_ERROR_NO_VIDEO, "does not exist");
@@ -406,7 +304,7 @@ TEST(HostVdoStream, RingBuffersReturnByUnrefOrByDroppingTheReference) {
     EXPECT_EQ(vdo_buffer_get_capacity(first), 160U * 90U * 3U / 2U);
     // The application holds the whole ring.
     EXPECT_EQ(vdo_stream_get_buffer(stream.get(), &error), nullptr);
-    expectError(error, VDO_ERROR, VDO_ERROR_NO_BUFFER_SPACE, "all 2 buffers");
+    expectError(error, VDO_ERROR_NO_BUFFER_SPACE, "all 2 buffers");
 
     // Dropping the reference gives a buffer back as well.
     const guint firstId = vdo_buffer_get_id(first);
@@ -422,7 +320,7 @@ TEST(HostVdoStream, RingBuffersReturnByUnrefOrByDroppingTheReference) {
     stemlib_host_set_failure("vdo_stream_buffer_unref", "queue full");
     VdoBuffer* kept = second;
     EXPECT_FALSE(vdo_stream_buffer_unref(stream.get(), &kept, &error));
-    expectError(error, VDO_ERROR, VDO_ERROR_FAILED, "queue full");
+    expectError(error, VDO_ERROR_FAILED, "queue full");
     EXPECT_EQ(kept, second);
     stemlib_host_clear_failures();
     EXPECT_TRUE(vdo_stream_buffer_unref(stream.get(), &kept, nullptr));
@@ -433,7 +331,7 @@ TEST(HostVdoStream, RingBuffersReturnByUnrefOrByDroppingTheReference) {
     VdoBuffer* foreign = vdo_stream_get_buffer(other.get(), nullptr);
     ASSERT_NE(foreign, nullptr);
     EXPECT_FALSE(vdo_stream_buffer_unref(stream.get(), &foreign, &error));
-    expectError(error, VDO_ERROR, VDO_ERROR_INVALID_ARGUMENT, "another stream");
+    expectError(error, VDO_ERROR_INVALID_ARGUMENT, "another stream");
     EXPECT_TRUE(vdo_stream_buffer_unref(other.get(), &foreign, nullptr));
 
     // A buffer still held when its stream goes away stays readable until released; the service
@@ -485,12 +383,10 @@ TEST(HostVdoStream, FrameRatePacesFramesAndALateCallerSkipsFrames) {
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(79));
     std::this_thread::sleep_for(std::chrono::milliseconds(60));
     guint late = 0;
-    const std::vector<std::uint8_t> frame = nextFrame(stream.get(), &late);
+    const Bytes frame = nextFrame(stream.get(), &late);
     EXPECT_GE(late, sequence + 3);
     // A buffer brought forward over several frames at once is still exact.
     EXPECT_EQ(frame, generatorFrame(160, 90, 0, late));
-    GPtr<VdoMap> current(vdo_stream_get_settings(stream.get(), nullptr));
-    EXPECT_DOUBLE_EQ(vdo_map_get_double(current.get(), "framerate", 0.0), 50.0);
 }
 
 TEST(HostVdoStream, StopEndsAWaitAndAStoppedStreamGivesNoFrame) {
@@ -500,48 +396,30 @@ TEST(HostVdoStream, StopEndsAWaitAndAStoppedStreamGivesNoFrame) {
     GPtr<VdoStream> stream(vdo_stream_new(settings.get(), nullptr, &error));
     ASSERT_NE(stream, nullptr);
     EXPECT_EQ(vdo_stream_get_buffer(stream.get(), &error), nullptr);
-    expectError(error, VDO_ERROR, VDO_ERROR_CLOSED, "not running");
+    expectError(error, VDO_ERROR_CLOSED, "not running");
     ASSERT_TRUE(vdo_stream_attach(stream.get(), nullptr, nullptr));
     ASSERT_TRUE(vdo_stream_start(stream.get(), nullptr));
     nextFrame(stream.get());
 
     // The next frame is due in two seconds; stopping ends the wait at once.
-    GError* waitError = nullptr;
     VdoBuffer* waited = nullptr;
     const auto start = std::chrono::steady_clock::now();
-    std::thread waiter([&] { waited = vdo_stream_get_buffer(stream.get(), &waitError); });
+    std::thread waiter([&] { waited = vdo_stream_get_buffer(stream.get(), &error); });
     std::this_thread::sleep_for(std::chrono::milliseconds(30));
     vdo_stream_stop(stream.get());
     waiter.join();
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1500));
     EXPECT_EQ(waited, nullptr);
-    expectError(waitError, VDO_ERROR, VDO_ERROR_CLOSED, "stopped");
+    expectError(error, VDO_ERROR_CLOSED, "stopped");
 }
 
-TEST(HostVdoStream, EveryCallCanBeMadeToFail) {
-    HostCameraScope camera(kSmallCamera);
-    GPtr<VdoMap> settings = settingsMap(160, 90, 0);
+TEST(HostVdoStream, CallsFailOnRequestFromTheProgramOrTheDescription) {
+    HostCameraScope camera(std::string(kSmallCamera) + "fail.vdo_stream_start = sensor offline\n");
     GError* error = nullptr;
-    stemlib_host_set_failure("vdo_stream_new", "no video service");
-    EXPECT_EQ(vdo_stream_new(settings.get(), nullptr, &error), nullptr);
-    expectError(error, VDO_ERROR, VDO_ERROR_FAILED, "no video service");
-    stemlib_host_clear_failures();
-
-    GPtr<VdoStream> stream(vdo_stream_new(settings.get(), nullptr, &error));
+    GPtr<VdoStream> stream(vdo_stream_new(nullptr, nullptr, &error));
     ASSERT_NE(stream, nullptr);
-    const char* calls[] = {"vdo_stream_attach", "vdo_stream_get_settings", "vdo_stream_get_info",
-                           "vdo_stream_start"};
-    for (const char* call : calls) {
-        stemlib_host_set_failure(call, (std::string(call) + " refused").c_str());
-    }
-    EXPECT_FALSE(vdo_stream_attach(stream.get(), nullptr, &error));
-    expectError(error, VDO_ERROR, VDO_ERROR_FAILED, "vdo_stream_attach refused");
-    EXPECT_EQ(vdo_stream_get_settings(stream.get(), &error), nullptr);
-    expectError(error, VDO_ERROR, VDO_ERROR_FAILED, "vdo_stream_get_settings refused");
-    EXPECT_EQ(vdo_stream_get_info(stream.get(), &error), nullptr);
-    expectError(error, VDO_ERROR, VDO_ERROR_FAILED, "vdo_stream_get_info refused");
     EXPECT_FALSE(vdo_stream_start(stream.get(), &error));
-    expectError(error, VDO_ERROR, VDO_ERROR_FAILED, "vdo_stream_start refused");
+    expectError(error, VDO_ERROR_FAILED, "sensor offline");
     stemlib_host_clear_failures();
     ASSERT_TRUE(vdo_stream_start(stream.get(), nullptr));
 
@@ -550,82 +428,67 @@ TEST(HostVdoStream, EveryCallCanBeMadeToFail) {
     guint sequence = 0;
     nextFrame(stream.get(), &sequence);
     EXPECT_EQ(vdo_stream_get_buffer(stream.get(), &error), nullptr);
-    expectError(error, VDO_ERROR, VDO_ERROR_FAILED, "dropped frame");
+    expectError(error, VDO_ERROR_FAILED, "dropped frame");
     stemlib_host_set_failure("vdo_stream_get_buffer", nullptr);
     nextFrame(stream.get(), &sequence);
     EXPECT_EQ(sequence, 1U);
 }
 
-TEST(HostVdoStream, FailuresCanComeFromTheDescription) {
-    HostCameraScope camera(std::string(kSmallCamera) + "fail.vdo_stream_start = sensor offline\n");
-    GError* error = nullptr;
-    GPtr<VdoStream> stream(vdo_stream_new(nullptr, nullptr, &error));
-    ASSERT_NE(stream, nullptr);
-    EXPECT_FALSE(vdo_stream_start(stream.get(), &error));
-    expectError(error, VDO_ERROR, VDO_ERROR_FAILED, "sensor offline");
-}
-
 // A solid colour in blue-first order, as OpenCV writes it.
-cv::Mat solid(int width, int height, const cv::Scalar& bgr) {
-    return cv::Mat(height, width, CV_8UC3, bgr);
+cv::Mat solid(int width, int height, double level) {
+    return cv::Mat(height, width, CV_8UC3, cv::Scalar::all(level));
 }
 
-TEST(HostVdoStream, PlaysAFolderOfImagesInNameOrderTurnedAndInALoop) {
+TEST(HostVdoStream, PlaysImagesInNameOrderAndVideoFilesTurnedAndInALoop) {
     StemlibTest::TemporaryFolder folder;
     // White top-left quadrant on black, and a plain grey picture.
-    cv::Mat first = solid(64, 36, cv::Scalar(0, 0, 0));
-    first(cv::Rect(0, 0, 32, 18)).setTo(cv::Scalar(255, 255, 255));
+    cv::Mat first = solid(64, 36, 0);
+    first(cv::Rect(0, 0, 32, 18)).setTo(cv::Scalar::all(255));
     ASSERT_TRUE(cv::imwrite(folder.file("a.png"), first));
-    ASSERT_TRUE(cv::imwrite(folder.file("b.png"), solid(64, 36, cv::Scalar(128, 128, 128))));
+    ASSERT_TRUE(cv::imwrite(folder.file("b.png"), solid(64, 36, 128)));
     std::ofstream(folder.file("notes.txt")) << "not a picture\n";
     HostCameraScope camera(std::string(kSmallCamera) + "video.input = images:" + folder.path() +
                            "\n");
-    GPtr<VdoMap> settings = settingsMap(160, 90, 90);
-    GPtr<VdoStream> stream = openStream(settings.get());
+    GPtr<VdoMap> turned = settingsMap(160, 90, 90);
+    GPtr<VdoStream> stream = openStream(turned.get());
     ASSERT_NE(stream, nullptr);
     // Turned clockwise: the white quadrant is at the top-right of a 90 by 160 picture.
-    std::vector<std::uint8_t> frame = nextFrame(stream.get());
-    ASSERT_EQ(frame.size(), 160U * 90U * 3U / 2U);
-    EXPECT_GT(frame[10 * 90 + 80], 230);
-    EXPECT_LT(frame[10 * 90 + 10], 25);
-    EXPECT_LT(frame[150 * 90 + 80], 25);
-    frame = nextFrame(stream.get());
-    EXPECT_NEAR(frame[50 * 90 + 50], 128, 3);
-    EXPECT_NEAR(frame[90 * 160 + 10], 128, 3);
-    frame = nextFrame(stream.get());
-    EXPECT_GT(frame[10 * 90 + 80], 230);
+    for (int loop = 0; loop < 2; ++loop) {
+        Bytes frame = nextFrame(stream.get());
+        ASSERT_EQ(frame.size(), 160U * 90U * 3U / 2U);
+        EXPECT_GT(frame[10 * 90 + 80], 230);
+        EXPECT_LT(frame[10 * 90 + 10], 25);
+        EXPECT_LT(frame[150 * 90 + 80], 25);
+        frame = nextFrame(stream.get());
+        EXPECT_NEAR(frame[50 * 90 + 50], 128, 3);
+        EXPECT_NEAR(frame[90 * 160 + 10], 128, 3);
+    }
 
-    StemlibTest::TemporaryFolder empty;
-    camera.reload(std::string(kSmallCamera) + "video.input = images:" + empty.path() + "\n");
-    newStreamError(nullptr, VDO_ERROR_NO_VIDEO, "holds no image");
-}
-
-TEST(HostVdoStream, PlaysAVideoFileInALoop) {
-    HostCameraScope camera(std::string(kSmallCamera) + "video.input = file:clip.avi\n");
+    // Three frames, each brighter than the one before, of another size and aspect ratio.
     {
-        // Three frames, each brighter than the one before, of another size and aspect ratio.
         cv::VideoWriter writer(camera.folder() + "/clip.avi",
                                cv::VideoWriter::fourcc('M', 'J', 'P', 'G'), 10.0, cv::Size(96, 72));
         ASSERT_TRUE(writer.isOpened());
         for (int i = 0; i < 3; ++i) {
-            writer.write(solid(96, 72, cv::Scalar::all(40.0 + 80 * i)));
+            writer.write(solid(96, 72, 40.0 + 80 * i));
         }
     }
-    GPtr<VdoMap> settings = settingsMap(160, 90, 0);
-    GPtr<VdoStream> stream = openStream(settings.get());
+    camera.reload(std::string(kSmallCamera) + "video.input = file:clip.avi\n");
+    GPtr<VdoMap> straight = settingsMap(160, 90, 0);
+    stream = openStream(straight.get());
     ASSERT_NE(stream, nullptr);
-    int previous = -1;
     std::vector<int> levels;
     for (int i = 0; i < 4; ++i) {
-        const std::vector<std::uint8_t> frame = nextFrame(stream.get());
+        const Bytes frame = nextFrame(stream.get());
         ASSERT_EQ(frame.size(), 160U * 90U * 3U / 2U);
         levels.push_back(frame[45 * 160 + 80]);
-        EXPECT_NE(levels.back(), previous);
-        previous = levels.back();
     }
-    EXPECT_LT(levels[0], levels[1]);
-    EXPECT_LT(levels[1], levels[2]);
+    EXPECT_LT(levels[0] + 40, levels[1]);
+    EXPECT_LT(levels[1] + 40, levels[2]);
     EXPECT_NEAR(levels[3], levels[0], 2); // looped
+
+    camera.reload(std::string(kSmallCamera) + "video.input = images:" + camera.folder() + "\n");
+    newStreamError(nullptr, VDO_ERROR_NO_VIDEO, "holds no image");
 }
 
 } // namespace

@@ -49,22 +49,15 @@ HostCameraScope::HostCameraScope() {
 
 HostCameraScope::HostCameraScope(const std::string& descriptionText) {
     stemlib_host_clear_failures();
-    const char* base = std::getenv("TMPDIR");
-    std::string pattern =
-        std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/stemlib-camera-XXXXXX";
-    if (mkdtemp(pattern.data()) == nullptr) {
-        throw std::runtime_error("cannot create a temporary folder from " + pattern);
-    }
-    _folder = pattern;
     reload(descriptionText);
 }
 
 void HostCameraScope::reload(const std::string& descriptionText) {
-    const std::string path = _folder + "/camera.txt";
-    {
-        std::ofstream file(path);
-        file << descriptionText;
+    if (!_folder) {
+        _folder.emplace();
     }
+    const std::string path = _folder->file("camera.txt");
+    std::ofstream(path) << descriptionText;
     char* error = nullptr;
     if (stemlib_host_load_camera(path.c_str(), &error) != 0) {
         const std::string message = error != nullptr ? error : "unknown error";
@@ -76,9 +69,6 @@ void HostCameraScope::reload(const std::string& descriptionText) {
 HostCameraScope::~HostCameraScope() {
     stemlib_host_load_camera(nullptr, nullptr);
     stemlib_host_clear_failures();
-    if (!_folder.empty()) {
-        nftw(_folder.c_str(), removeEntry, 16, FTW_DEPTH | FTW_PHYS);
-    }
 }
 
 } // namespace StemlibTest

@@ -6,30 +6,10 @@
 // so that library code that runs "busctl" reaches the host optics service.
 #pragma once
 
+#include <optional>
 #include <string>
 
 namespace StemlibTest {
-
-class HostCameraScope {
-public:
-    // The built-in default camera.
-    HostCameraScope();
-    // A camera described by text, written to a file of its own in a fresh folder (so that
-    // relative paths in it may name files that the test puts beside it).
-    explicit HostCameraScope(const std::string& descriptionText);
-    ~HostCameraScope();
-    HostCameraScope(const HostCameraScope&) = delete;
-    HostCameraScope& operator=(const HostCameraScope&) = delete;
-
-    // The folder of the description file ("" for the default camera).
-    const std::string& folder() const { return _folder; }
-
-    // Writes descriptionText over the description file and loads it in place of the current one.
-    void reload(const std::string& descriptionText);
-
-private:
-    std::string _folder;
-};
 
 // A fresh folder under the system's temporary folder, removed with its files at scope end.
 class TemporaryFolder {
@@ -44,6 +24,27 @@ public:
 
 private:
     std::string _path;
+};
+
+class HostCameraScope {
+public:
+    // The built-in default camera.
+    HostCameraScope();
+    // A camera described by text, written to a file of its own in a fresh folder (so that
+    // relative paths in it may name files that the test puts beside it).
+    explicit HostCameraScope(const std::string& descriptionText);
+    ~HostCameraScope();
+    HostCameraScope(const HostCameraScope&) = delete;
+    HostCameraScope& operator=(const HostCameraScope&) = delete;
+
+    // The folder of the description file ("" for the default camera).
+    std::string folder() const { return _folder ? _folder->path() : std::string(); }
+
+    // Writes descriptionText over the description file and loads it in place of the current one.
+    void reload(const std::string& descriptionText);
+
+private:
+    std::optional<TemporaryFolder> _folder;
 };
 
 } // namespace StemlibTest
