@@ -283,6 +283,9 @@ TEST(HostVdoStream, RejectsSettingsThatTheCameraCannotServe) {
     vdo_map_set_uint32(map.get(), "buffer.count", 33);
     newStreamError(map.get(), VDO_ERROR_INVALID_ARGUMENT, "buffer.count must be from 1 to 32");
 
+    // A frame rate so low that the next frame's due time would leave the clock's range.
+    camera.reload(std::string(kSmallCamera) + "video.framerate = 1e-12\n");
+    newStreamError(nullptr, VDO_ERROR_INVALID_ARGUMENT, "framerate must be 0 or from 0.001");
     camera.reload(std::string(kSmallCamera) + "video.input = file:missing.mp4\n");
     const std::string message = newStreamError(nullptr, VDO_ERROR_NO_VIDEO, "does not exist");
     EXPECT_NE(message.find(camera.folder() + "/missing.mp4"), std::string::npos) << message;

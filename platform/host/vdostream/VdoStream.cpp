@@ -18,6 +18,8 @@ using Clock = std::chrono::steady_clock;
 constexpr guint32 kDefaultBufferCount = 3;
 constexpr guint32 kMaxBufferCount = 32;
 constexpr double kMaxFramerate = 1000.0;
+// One frame in 1000 seconds at the slowest: a frame's due time stays within the clock's range.
+constexpr double kMinFramerate = 0.001;
 
 struct StreamSettings {
     guint32 channel = 0;
@@ -159,9 +161,11 @@ bool readSettings(VdoMap* map, const stemlib_host::CameraDescription& camera,
         return false;
     }
     settings.framerate = vdo_map_get_double(map, "framerate", cameraRate);
-    if (!(settings.framerate >= 0.0 && settings.framerate <= kMaxFramerate)) {
+    if (!(settings.framerate == 0.0 ||
+          (settings.framerate >= kMinFramerate && settings.framerate <= kMaxFramerate))) {
         code = VDO_ERROR_INVALID_ARGUMENT;
-        problem = "framerate must be from 0 to 1000, not " + std::to_string(settings.framerate);
+        problem =
+            "framerate must be 0 or from 0.001 to 1000, not " + std::to_string(settings.framerate);
         return false;
     }
 

@@ -8,8 +8,8 @@
  *   "height"       guint32  even; likewise
  *   "resolution"   string   "<width>x<height>", in place of "width" and "height"
  *   "rotation"     guint32  0, 90, 180 or 270; default root.Image.I0.Appearance.Rotation
- *   "framerate"    double   frames per second; default video.framerate of the description,
- *                           0 delivers frames as fast as they are asked for
+ *   "framerate"    double   frames per second, 0.001 to 1000; default video.framerate of the
+ *                           description, 0 delivers frames as fast as they are asked for
  *   "buffer.count" guint32  buffers in the stream's ring, 1 to 32; default 3
  *   "image.fit"    string   "crop" (default) or "scale": how a video file or an image of
  *                           another aspect ratio is fitted to width by height
