@@ -28,6 +28,6 @@ function(stemlib_link_dependencies target)
             Threads::Threads
             stemlib_platform
         PRIVATE
-            $<BUILD_INTERFACE:stemlib_libyuv>)
-    target_link_libraries(${target} PRIVATE ${LIBYUV_LIBRARY})
+            ${LIBYUV_LIBRARY})
+    target_include_directories(${target} SYSTEM PRIVATE ${LIBYUV_INCLUDE_DIR})
 endfunction()
