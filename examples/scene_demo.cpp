@@ -173,6 +173,16 @@ std::unique_ptr<AxisVideoStreamSource> openCamera() {
     }
 }
 
+// One line of the application's own in the log file: "frame 12: Ada <what happened>".
+void logEvent(int frame, const char* name, const std::string& what, bool warning = false) {
+    const std::string line = "frame " + std::to_string(frame) + ": " + name + " " + what;
+    if (warning) {
+        g_stemlibLogger.bareWarning(line);
+    } else {
+        g_stemlibLogger.bareInfo(line);
+    }
+}
+
 struct Summary {
     int framesAt[4] = {0, 0, 0, 0}; // by AOILocation: areas 0 to 2, then the exterior
     bool dwelt[3] = {false, false, false};
@@ -280,8 +290,7 @@ int main(int argc, char** argv) {
                     present[person.findingID] = false;
                     lastArea.erase(person.findingID);
                     std::printf("  %-12s gone\n", person.name);
-                    g_stemlibLogger.bareInfo("frame " + std::to_string(frame) + ": " + person.name +
-                                             " left the view");
+                    logEvent(frame, person.name, "left the view");
                 }
                 continue;
             }
@@ -290,8 +299,7 @@ int main(int argc, char** argv) {
             const ExclusionLocation excluded = exclusions.getLocation(box);
             if (excluded != ExclusionLocation::Exterior) {
                 if (summary.excludedFrames == 0) {
-                    g_stemlibLogger.bareInfo("frame " + std::to_string(frame) + ": " + person.name +
-                                             " ignored in " + toString(excluded));
+                    logEvent(frame, person.name, "ignored in " + toString(excluded));
                 }
                 ++summary.excludedFrames;
                 std::printf("  %-12s box in %s: ignored\n", person.name,
@@ -306,17 +314,15 @@ int main(int argc, char** argv) {
             lastArea[person.findingID] = where.location;
             if (index < 3) {
                 if (lengthily && !summary.dwelt[index]) {
-                    g_stemlibLogger.bareWarning("frame " + std::to_string(frame) + ": " +
-                                                person.name + " dwelt at the " +
-                                                areaName(where.location));
+                    logEvent(frame, person.name,
+                             std::string("dwelt at the ") + areaName(where.location), true);
                 }
                 summary.dwelt[index] |= lengthily;
             }
             if (crossing.activity != EntranceActivity::None) {
                 summary.doorEvents.push_back(std::string(activityName(crossing.activity)) +
                                              " at frame " + std::to_string(frame));
-                g_stemlibLogger.bareInfo("frame " + std::to_string(frame) + ": " + person.name +
-                                         " " + activityName(crossing.activity));
+                logEvent(frame, person.name, activityName(crossing.activity));
                 (crossing.activity == EntranceActivity::EnterEntrance0 ? entriesInSlot
                                                                        : exitsInSlot)++;
             }
