@@ -443,15 +443,15 @@ cv::Mat solid(int width, int height, double level) {
 }
 
 TEST(HostVdoStream, PlaysImagesInNameOrderAndVideoFilesTurnedAndInALoop) {
-    StemlibTest::TemporaryFolder folder;
+    StemlibTest::ScratchDirectory folder;
     // White top-left quadrant on black, and a plain grey picture.
     cv::Mat first = solid(64, 36, 0);
     first(cv::Rect(0, 0, 32, 18)).setTo(cv::Scalar::all(255));
     ASSERT_TRUE(cv::imwrite(folder.file("a.png"), first));
     ASSERT_TRUE(cv::imwrite(folder.file("b.png"), solid(64, 36, 128)));
     std::ofstream(folder.file("notes.txt")) << "not a picture\n";
-    HostCameraScope camera(std::string(kSmallCamera) + "video.input = images:" + folder.path() +
-                           "\n");
+    HostCameraScope camera(std::string(kSmallCamera) +
+                           "video.input = images:" + folder.path().string() + "\n");
     GPtr<VdoMap> turned = settingsMap(160, 90, 90);
     GPtr<VdoStream> stream = openStream(turned.get());
     ASSERT_NE(stream, nullptr);

@@ -2,10 +2,7 @@
 
 #include "stemlib-host.h"
 
-#include <cstdio>
 #include <cstdlib>
-#include <fstream>
-#include <ftw.h>
 #include <stdexcept>
 
 namespace StemlibTest {
@@ -22,25 +19,7 @@ const bool g_pathSet = [] {
 }();
 #endif
 
-int removeEntry(const char* path, const struct stat*, int, struct FTW*) {
-    return std::remove(path);
-}
-
 } // namespace
-
-TemporaryFolder::TemporaryFolder() {
-    const char* base = std::getenv("TMPDIR");
-    std::string pattern =
-        std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/stemlib-test-XXXXXX";
-    if (mkdtemp(pattern.data()) == nullptr) {
-        throw std::runtime_error("cannot create a temporary folder from " + pattern);
-    }
-    _path = pattern;
-}
-
-TemporaryFolder::~TemporaryFolder() {
-    nftw(_path.c_str(), removeEntry, 16, FTW_DEPTH | FTW_PHYS);
-}
 
 HostCameraScope::HostCameraScope() {
     stemlib_host_load_camera(nullptr, nullptr);
@@ -57,7 +36,7 @@ void HostCameraScope::reload(const std::string& descriptionText) {
         _folder.emplace();
     }
     const std::string path = _folder->file("camera.txt");
-    std::ofstream(path) << descriptionText;
+    writeWholeFile(path, descriptionText);
     char* error = nullptr;
     if (stemlib_host_load_camera(path.c_str(), &error) != 0) {
         const std::string message = error != nullptr ? error : "unknown error";

@@ -6,25 +6,12 @@
 // so that library code that runs "busctl" reaches the host optics service.
 #pragma once
 
+#include "ScratchDirectory.h"
+
 #include <optional>
 #include <string>
 
 namespace StemlibTest {
-
-// A fresh folder under the system's temporary folder, removed with its files at scope end.
-class TemporaryFolder {
-public:
-    TemporaryFolder();
-    ~TemporaryFolder();
-    TemporaryFolder(const TemporaryFolder&) = delete;
-    TemporaryFolder& operator=(const TemporaryFolder&) = delete;
-
-    const std::string& path() const { return _path; }
-    std::string file(const std::string& name) const { return _path + "/" + name; }
-
-private:
-    std::string _path;
-};
 
 class HostCameraScope {
 public:
@@ -38,13 +25,13 @@ public:
     HostCameraScope& operator=(const HostCameraScope&) = delete;
 
     // The folder of the description file ("" for the default camera).
-    std::string folder() const { return _folder ? _folder->path() : std::string(); }
+    std::string folder() const { return _folder ? _folder->path().string() : std::string(); }
 
     // Writes descriptionText over the description file and loads it in place of the current one.
     void reload(const std::string& descriptionText);
 
 private:
-    std::optional<TemporaryFolder> _folder;
+    std::optional<ScratchDirectory> _folder;
 };
 
 } // namespace StemlibTest
