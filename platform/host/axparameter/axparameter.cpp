@@ -35,17 +35,6 @@ ParameterStore& store() {
 }
 
 // Called with the store's mutex held.
-void followCameraLocked(ParameterStore& s) {
-    std::shared_ptr<const CameraDescription> current = stemlib_host::camera();
-    if (current != s.camera) {
-        s.camera = std::move(current);
-        s.changed.clear();
-        s.added.clear();
-        s.removed.clear();
-    }
-}
-
-// Called with the store's mutex held.
 bool lookupLocked(const ParameterStore& s, const std::string& fullName, std::string& value) {
     if (s.removed.count(fullName) != 0) {
         return false;
@@ -93,13 +82,43 @@ bool injected(const char* call, AXParameterErrorCode code, GError** error) {
     return false;
 }
 
-bool validArguments(AXParameter* parameter, const gchar* name, GError** error) {
+// The checks that every call on a named parameter makes first: a handle and a name, then the
+// value argument when missingValue says that it is null, then a failure requested for call.
+// False, with error set, when the call must fail.
+bool admitted(const char* call, AXParameterErrorCode failureCode, AXParameter* parameter,
+              const gchar* name, const char* missingValue, GError** error) {
     if (parameter == nullptr || name == nullptr || *name == '\0') {
         setError(error, AX_PARAMETER_INVALID_ARG_ERROR, "invalid argument: no handle or no name");
         return false;
     }
-    return true;
+    if (missingValue != nullptr) {
+        setError(error, AX_PARAMETER_INVALID_ARG_ERROR,
+                 std::string("invalid argument: ") + missingValue);
+        return false;
+    }
+    return !injected(call, failureCode, error);
 }
+
+// The store for the length of one call: locked, and following the camera in effect (loading
+// another camera discards the changes made to the previous one).
+class LockedStore {
+public:
+    LockedStore() : _lock(store().mutex) {
+        ParameterStore& s = store();
+        std::shared_ptr<const CameraDescription> current = stemlib_host::camera();
+        if (current != s.camera) {
+            s.camera = std::move(current);
+            s.changed.clear();
+            s.added.clear();
+            s.removed.clear();
+        }
+    }
+    ParameterStore& operator*() const { return store(); }
+    ParameterStore* operator->() const { return &store(); }
+
+private:
+    std::lock_guard<std::mutex> _lock;
+};
 
 } // namespace
 
@@ -126,22 +145,14 @@ void ax_parameter_free(AXParameter* parameter) {
 
 gboolean ax_parameter_get(AXParameter* parameter, const gchar* name, gchar** value,
                           GError** error) {
-    if (!validArguments(parameter, name, error)) {
+    if (!admitted("ax_parameter_get", AX_PARAMETER_PARAM_GET_ERROR, parameter, name,
+                  value == nullptr ? "no place for the value" : nullptr, error)) {
         return FALSE;
     }
-    if (value == nullptr) {
-        setError(error, AX_PARAMETER_INVALID_ARG_ERROR, "invalid argument: no place for the value");
-        return FALSE;
-    }
-    if (injected("ax_parameter_get", AX_PARAMETER_PARAM_GET_ERROR, error)) {
-        return FALSE;
-    }
-    ParameterStore& s = store();
-    std::lock_guard<std::mutex> lock(s.mutex);
-    followCameraLocked(s);
-    const std::string fullName = resolveLocked(s, parameter, name);
+    const LockedStore s;
+    const std::string fullName = resolveLocked(*s, parameter, name);
     std::string text;
-    if (fullName.empty() || !lookupLocked(s, fullName, text)) {
+    if (fullName.empty() || !lookupLocked(*s, fullName, text)) {
         setError(error, AX_PARAMETER_PARAM_PATH_ERROR,
                  std::string("parameter ") + name + " does not exist");
         return FALSE;
@@ -152,73 +163,57 @@ gboolean ax_parameter_get(AXParameter* parameter, const gchar* name, gchar** val
 
 gboolean ax_parameter_set(AXParameter* parameter, const gchar* name, const gchar* value, gboolean,
                           GError** error) {
-    if (!validArguments(parameter, name, error)) {
+    if (!admitted("ax_parameter_set", AX_PARAMETER_PARAM_SET_ERROR, parameter, name,
+                  value == nullptr ? "no value" : nullptr, error)) {
         return FALSE;
     }
-    if (value == nullptr) {
-        setError(error, AX_PARAMETER_INVALID_ARG_ERROR, "invalid argument: no value");
-        return FALSE;
-    }
-    if (injected("ax_parameter_set", AX_PARAMETER_PARAM_SET_ERROR, error)) {
-        return FALSE;
-    }
-    ParameterStore& s = store();
-    std::lock_guard<std::mutex> lock(s.mutex);
-    followCameraLocked(s);
-    const std::string fullName = resolveLocked(s, parameter, name);
+    const LockedStore s;
+    const std::string fullName = resolveLocked(*s, parameter, name);
     if (fullName.empty()) {
         setError(error, AX_PARAMETER_PARAM_PATH_ERROR,
                  std::string("parameter ") + name + " does not exist");
         return FALSE;
     }
-    s.changed[fullName] = value;
+    s->changed[fullName] = value;
     return TRUE;
 }
 
 gboolean ax_parameter_add(AXParameter* parameter, const gchar* name, const gchar* initial_value,
                           const gchar*, GError** error) {
-    if (!validArguments(parameter, name, error)) {
+    if (!admitted("ax_parameter_add", AX_PARAMETER_PARAM_ADDED_ERROR, parameter, name, nullptr,
+                  error)) {
         return FALSE;
     }
-    if (injected("ax_parameter_add", AX_PARAMETER_PARAM_ADDED_ERROR, error)) {
-        return FALSE;
-    }
-    ParameterStore& s = store();
-    std::lock_guard<std::mutex> lock(s.mutex);
-    followCameraLocked(s);
+    const LockedStore s;
     const std::string fullName = "root." + parameter->appName + "." + name;
     std::string existing;
-    if (lookupLocked(s, fullName, existing)) {
+    if (lookupLocked(*s, fullName, existing)) {
         setError(error, AX_PARAMETER_PARAM_ADDED_ERROR,
                  "parameter " + fullName + " exists already");
         return FALSE;
     }
-    s.removed.erase(fullName);
-    s.changed[fullName] = initial_value == nullptr ? "" : initial_value;
-    if (!s.camera->get(fullName)) {
-        s.added.push_back(fullName);
+    s->removed.erase(fullName);
+    s->changed[fullName] = initial_value == nullptr ? "" : initial_value;
+    if (!s->camera->get(fullName)) {
+        s->added.push_back(fullName);
     }
     return TRUE;
 }
 
 gboolean ax_parameter_remove(AXParameter* parameter, const gchar* name, GError** error) {
-    if (!validArguments(parameter, name, error)) {
+    if (!admitted("ax_parameter_remove", AX_PARAMETER_PARAM_PATH_ERROR, parameter, name, nullptr,
+                  error)) {
         return FALSE;
     }
-    if (injected("ax_parameter_remove", AX_PARAMETER_PARAM_PATH_ERROR, error)) {
-        return FALSE;
-    }
-    ParameterStore& s = store();
-    std::lock_guard<std::mutex> lock(s.mutex);
-    followCameraLocked(s);
+    const LockedStore s;
     const std::string fullName = "root." + parameter->appName + "." + name;
     std::string existing;
-    if (!lookupLocked(s, fullName, existing)) {
+    if (!lookupLocked(*s, fullName, existing)) {
         setError(error, AX_PARAMETER_PARAM_PATH_ERROR, "parameter " + fullName + " does not exist");
         return FALSE;
     }
-    s.changed.erase(fullName);
-    s.removed.insert(fullName);
+    s->changed.erase(fullName);
+    s->removed.insert(fullName);
     return TRUE;
 }
 
@@ -230,17 +225,15 @@ GList* ax_parameter_list(AXParameter* parameter, GError** error) {
     if (injected("ax_parameter_list", AX_PARAMETER_PARAM_LIST_ERROR, error)) {
         return nullptr;
     }
-    ParameterStore& s = store();
-    std::lock_guard<std::mutex> lock(s.mutex);
-    followCameraLocked(s);
+    const LockedStore s;
     GList* list = nullptr;
-    for (const auto& entry : s.camera->withPrefix("root.")) {
-        if (s.removed.count(entry.first) == 0) {
+    for (const auto& entry : s->camera->withPrefix("root.")) {
+        if (s->removed.count(entry.first) == 0) {
             list = g_list_prepend(list, g_strdup(entry.first.c_str()));
         }
     }
-    for (const std::string& name : s.added) {
-        if (s.removed.count(name) == 0) {
+    for (const std::string& name : s->added) {
+        if (s->removed.count(name) == 0) {
             list = g_list_prepend(list, g_strdup(name.c_str()));
         }
     }
