@@ -43,20 +43,20 @@ bool parseChannelNumber(const std::string& text, unsigned int& number) {
 
 } // namespace
 
-bool cameraChannels(const CameraDescription& camera, std::vector<unsigned int>& channels, int& code,
-                    std::string& problem) {
+bool cameraChannels(const CameraDescription& camera, std::vector<unsigned int>& channels,
+                    GError** error) {
     channels.clear();
     const std::optional<std::string> list = camera.get("channels");
     if (!list) {
-        code = VDO_ERROR_NOT_FOUND;
-        problem = "the camera has no video channel (" + camera.origin + " has no \"channels\")";
+        setVdoError(error, VDO_ERROR_NOT_FOUND,
+                    "the camera has no video channel (" + camera.origin + " has no \"channels\")");
         return false;
     }
     for (const std::string& item : splitList(*list)) {
         unsigned int number = 0;
         if (!parseChannelNumber(item, number)) {
-            code = VDO_ERROR_FAILED;
-            problem = camera.origin + ": channels: \"" + item + "\" is not a channel number";
+            setVdoError(error, VDO_ERROR_FAILED,
+                        camera.origin + ": channels: \"" + item + "\" is not a channel number");
             return false;
         }
         if (std::find(channels.begin(), channels.end(), number) == channels.end()) {
@@ -64,31 +64,30 @@ bool cameraChannels(const CameraDescription& camera, std::vector<unsigned int>& 
         }
     }
     if (channels.empty()) {
-        code = VDO_ERROR_NOT_FOUND;
-        problem = "the camera has no video channel (" + camera.origin + ": channels is empty)";
+        setVdoError(error, VDO_ERROR_NOT_FOUND,
+                    "the camera has no video channel (" + camera.origin + ": channels is empty)");
         return false;
     }
     return true;
 }
 
 bool channelResolutions(const CameraDescription& camera, unsigned int channel,
-                        std::vector<ChannelResolution>& resolutions, int& code,
-                        std::string& problem) {
+                        std::vector<ChannelResolution>& resolutions, GError** error) {
     resolutions.clear();
     const std::string key = "channel." + std::to_string(channel) + ".resolutions";
     const std::optional<std::string> list = camera.get(key);
     if (!list) {
-        code = VDO_ERROR_NOT_FOUND;
-        problem = "no resolutions for channel " + std::to_string(channel) + " (" + camera.origin +
-                  " has no \"" + key + "\")";
+        setVdoError(error, VDO_ERROR_NOT_FOUND,
+                    "no resolutions for channel " + std::to_string(channel) + " (" + camera.origin +
+                        " has no \"" + key + "\")");
         return false;
     }
     for (const std::string& item : splitList(*list)) {
         ChannelResolution resolution{0, 0};
         if (!parseSize(item, resolution.width, resolution.height)) {
-            code = VDO_ERROR_FAILED;
-            problem =
-                camera.origin + ": " + key + ": \"" + item + "\" is not a size like 1920x1080";
+            setVdoError(error, VDO_ERROR_FAILED,
+                        camera.origin + ": " + key + ": \"" + item +
+                            "\" is not a size like 1920x1080");
             return false;
         }
         const bool known = std::any_of(resolutions.begin(), resolutions.end(), [&](const auto& r) {
@@ -99,9 +98,9 @@ bool channelResolutions(const CameraDescription& camera, unsigned int channel,
         }
     }
     if (resolutions.empty()) {
-        code = VDO_ERROR_NOT_FOUND;
-        problem = "no resolutions for channel " + std::to_string(channel) + " (" + camera.origin +
-                  ": " + key + " is empty)";
+        setVdoError(error, VDO_ERROR_NOT_FOUND,
+                    "no resolutions for channel " + std::to_string(channel) + " (" + camera.origin +
+                        ": " + key + " is empty)");
         return false;
     }
     std::stable_sort(resolutions.begin(), resolutions.end(), [](const auto& a, const auto& b) {
@@ -138,10 +137,7 @@ GList* vdo_channel_get_all(GError** error) {
         return nullptr;
     }
     std::vector<unsigned int> numbers;
-    int code = 0;
-    std::string problem;
-    if (!cameraChannels(*camera(), numbers, code, problem)) {
-        setVdoError(error, code, problem);
+    if (!cameraChannels(*camera(), numbers, error)) {
         return nullptr;
     }
     GList* list = nullptr;
@@ -157,10 +153,7 @@ VdoChannel* vdo_channel_get(guint channel_nbr, GError** error) {
         return nullptr;
     }
     std::vector<unsigned int> numbers;
-    int code = 0;
-    std::string problem;
-    if (!cameraChannels(*camera(), numbers, code, problem)) {
-        setVdoError(error, code, problem);
+    if (!cameraChannels(*camera(), numbers, error)) {
         return nullptr;
     }
     if (std::find(numbers.begin(), numbers.end(), channel_nbr) == numbers.end()) {
@@ -186,10 +179,7 @@ VdoResolutionSet* vdo_channel_get_resolutions(VdoChannel* self, VdoMap* filter, 
         return nullptr;
     }
     std::vector<ChannelResolution> resolutions;
-    int code = 0;
-    std::string problem;
-    if (!channelResolutions(*camera(), self->id, resolutions, code, problem)) {
-        setVdoError(error, code, problem);
+    if (!channelResolutions(*camera(), self->id, resolutions, error)) {
         return nullptr;
     }
     if (const gchar* ratio = vdo_map_get_string(filter, "aspect_ratio", nullptr, nullptr)) {

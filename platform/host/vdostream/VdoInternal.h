@@ -34,15 +34,14 @@ struct ChannelResolution {
     std::uint32_t height;
 };
 
-// The numbers of the camera's channels ("channels"), in order. False, with code and problem set,
-// when the list is missing, empty or not numbers.
-bool cameraChannels(const CameraDescription& camera, std::vector<unsigned int>& channels, int& code,
-                    std::string& problem);
+// The numbers of the camera's channels ("channels"), in order. False, with error set, when the
+// list is missing, empty or not numbers.
+bool cameraChannels(const CameraDescription& camera, std::vector<unsigned int>& channels,
+                    GError** error);
 // The resolutions of one channel ("channel.<n>.resolutions"), largest area first, without
-// duplicates. False, with code and problem set, when they are missing or unreadable.
+// duplicates. False, with error set, when they are missing or unreadable.
 bool channelResolutions(const CameraDescription& camera, unsigned int channel,
-                        std::vector<ChannelResolution>& resolutions, int& code,
-                        std::string& problem);
+                        std::vector<ChannelResolution>& resolutions, GError** error);
 
 // The C++ side of a VdoFrame of a stream's ring.
 struct FrameSlot {

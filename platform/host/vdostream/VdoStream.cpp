@@ -76,42 +76,41 @@ void sweepOrphansLocked() {
 }
 
 bool readSettings(VdoMap* map, const stemlib_host::CameraDescription& camera,
-                  StreamSettings& settings, int& code, std::string& problem) {
+                  StreamSettings& settings, GError** error) {
     using namespace stemlib_host;
     std::vector<unsigned int> channels;
-    if (!cameraChannels(camera, channels, code, problem)) {
+    if (!cameraChannels(camera, channels, error)) {
         return false;
     }
     settings.channel = vdo_map_get_uint32(map, "channel", channels.front());
     if (std::find(channels.begin(), channels.end(), settings.channel) == channels.end()) {
-        code = VDO_ERROR_NOT_FOUND;
-        problem = "channel " + std::to_string(settings.channel) + " does not exist";
+        setVdoError(error, VDO_ERROR_NOT_FOUND,
+                    "channel " + std::to_string(settings.channel) + " does not exist");
         return false;
     }
     const guint32 format = vdo_map_get_uint32(map, "format", VDO_FORMAT_YUV);
     if (format != VDO_FORMAT_YUV) {
-        code = VDO_ERROR_NOT_SUPPORTED;
-        problem = "format " + std::to_string(format) +
-                  " is not supported by the host camera, only VDO_FORMAT_YUV (3)";
+        setVdoError(error, VDO_ERROR_NOT_SUPPORTED,
+                    "format " + std::to_string(format) +
+                        " is not supported by the host camera, only VDO_FORMAT_YUV (3)");
         return false;
     }
     std::vector<ChannelResolution> resolutions;
-    if (!channelResolutions(camera, settings.channel, resolutions, code, problem)) {
+    if (!channelResolutions(camera, settings.channel, resolutions, error)) {
         return false;
     }
     settings.width = resolutions.front().width;
     settings.height = resolutions.front().height;
     if (const gchar* text = vdo_map_get_string(map, "resolution", nullptr, nullptr)) {
         if (!parseSize(text, settings.width, settings.height)) {
-            code = VDO_ERROR_INVALID_ARGUMENT;
-            problem = std::string("resolution \"") + text + "\" is not a size like 1920x1080";
+            setVdoError(error, VDO_ERROR_INVALID_ARGUMENT,
+                        std::string("resolution \"") + text + "\" is not a size like 1920x1080");
             return false;
         }
     }
     const bool hasWidth = vdo_map_contains(map, "width");
     if (hasWidth != static_cast<bool>(vdo_map_contains(map, "height"))) {
-        code = VDO_ERROR_INVALID_ARGUMENT;
-        problem = "width and height must be given together";
+        setVdoError(error, VDO_ERROR_INVALID_ARGUMENT, "width and height must be given together");
         return false;
     }
     if (hasWidth) {
@@ -120,9 +119,9 @@ bool readSettings(VdoMap* map, const stemlib_host::CameraDescription& camera,
     }
     if (settings.width < 2 || settings.height < 2 || settings.width % 2 != 0 ||
         settings.height % 2 != 0) {
-        code = VDO_ERROR_INVALID_ARGUMENT;
-        problem = "width and height must be even and at least 2, not " +
-                  std::to_string(settings.width) + "x" + std::to_string(settings.height);
+        setVdoError(error, VDO_ERROR_INVALID_ARGUMENT,
+                    "width and height must be even and at least 2, not " +
+                        std::to_string(settings.width) + "x" + std::to_string(settings.height));
         return false;
     }
     guint32 maxWidth = 0;
@@ -134,21 +133,22 @@ bool readSettings(VdoMap* map, const stemlib_host::CameraDescription& camera,
     const bool fits = (settings.width <= maxWidth && settings.height <= maxHeight) ||
                       (settings.width <= maxHeight && settings.height <= maxWidth);
     if (!fits) {
-        code = VDO_ERROR_INVALID_ARGUMENT;
-        problem = std::to_string(settings.width) + "x" + std::to_string(settings.height) +
-                  " exceeds the largest resolution of channel " + std::to_string(settings.channel) +
-                  ", " + std::to_string(maxWidth) + "x" + std::to_string(maxHeight);
+        setVdoError(error, VDO_ERROR_INVALID_ARGUMENT,
+                    std::to_string(settings.width) + "x" + std::to_string(settings.height) +
+                        " exceeds the largest resolution of channel " +
+                        std::to_string(settings.channel) + ", " + std::to_string(maxWidth) + "x" +
+                        std::to_string(maxHeight));
         return false;
     }
 
-    guint32 cameraRotation = 0;
     const std::string rotationText = camera.getOr("root.Image.I0.Appearance.Rotation", "0");
-    cameraRotation = static_cast<guint32>(std::strtoul(rotationText.c_str(), nullptr, 10));
+    const auto cameraRotation =
+        static_cast<guint32>(std::strtoul(rotationText.c_str(), nullptr, 10));
     settings.rotation = vdo_map_get_uint32(map, "rotation", cameraRotation);
     if (settings.rotation != 0 && settings.rotation != 90 && settings.rotation != 180 &&
         settings.rotation != 270) {
-        code = VDO_ERROR_INVALID_ARGUMENT;
-        problem = "rotation must be 0, 90, 180 or 270, not " + std::to_string(settings.rotation);
+        setVdoError(error, VDO_ERROR_INVALID_ARGUMENT,
+                    "rotation must be 0, 90, 180 or 270, not " + std::to_string(settings.rotation));
         return false;
     }
 
@@ -156,30 +156,31 @@ bool readSettings(VdoMap* map, const stemlib_host::CameraDescription& camera,
     char* end = nullptr;
     const double cameraRate = std::strtod(rateText.c_str(), &end);
     if (end == rateText.c_str() || *end != '\0') {
-        code = VDO_ERROR_FAILED;
-        problem = camera.origin + ": video.framerate: \"" + rateText + "\" is not a number";
+        setVdoError(error, VDO_ERROR_FAILED,
+                    camera.origin + ": video.framerate: \"" + rateText + "\" is not a number");
         return false;
     }
     settings.framerate = vdo_map_get_double(map, "framerate", cameraRate);
     if (!(settings.framerate == 0.0 ||
           (settings.framerate >= kMinFramerate && settings.framerate <= kMaxFramerate))) {
-        code = VDO_ERROR_INVALID_ARGUMENT;
-        problem =
-            "framerate must be 0 or from 0.001 to 1000, not " + std::to_string(settings.framerate);
+        setVdoError(error, VDO_ERROR_INVALID_ARGUMENT,
+                    "framerate must be 0 or from 0.001 to 1000, not " +
+                        std::to_string(settings.framerate));
         return false;
     }
 
     settings.bufferCount = vdo_map_get_uint32(map, "buffer.count", kDefaultBufferCount);
     if (settings.bufferCount < 1 || settings.bufferCount > kMaxBufferCount) {
-        code = VDO_ERROR_INVALID_ARGUMENT;
-        problem = "buffer.count must be from 1 to 32, not " + std::to_string(settings.bufferCount);
+        setVdoError(error, VDO_ERROR_INVALID_ARGUMENT,
+                    "buffer.count must be from 1 to 32, not " +
+                        std::to_string(settings.bufferCount));
         return false;
     }
 
     const std::string fit = vdo_map_get_string(map, "image.fit", nullptr, "crop");
     if (fit != "crop" && fit != "scale") {
-        code = VDO_ERROR_INVALID_ARGUMENT;
-        problem = "image.fit must be \"crop\" or \"scale\", not \"" + fit + "\"";
+        setVdoError(error, VDO_ERROR_INVALID_ARGUMENT,
+                    "image.fit must be \"crop\" or \"scale\", not \"" + fit + "\"");
         return false;
     }
     settings.crop = fit == "crop";
@@ -238,10 +239,7 @@ VdoStream* vdo_stream_new(VdoMap* settings, VdoBufferFinalizer fin, GError** err
     }
     const std::shared_ptr<const CameraDescription> description = camera();
     StreamSettings parsed;
-    int code = 0;
-    std::string problem;
-    if (!readSettings(settings, *description, parsed, code, problem)) {
-        setVdoError(error, code, problem);
+    if (!readSettings(settings, *description, parsed, error)) {
         return nullptr;
     }
     std::unique_ptr<VideoInput> input;
