@@ -228,6 +228,20 @@ static void vdo_stream_init(VdoStream* self) {
     stemlib_host::countObject(stemlib_host::ObjectKind::Stream, 1);
 }
 
+namespace {
+
+// The checks that a call on a stream makes first: a stream, then a failure requested for call.
+// False, with error set, when the call must fail.
+bool admitted(VdoStream* self, const char* call, GError** error) {
+    if (!VDO_IS_STREAM(self)) {
+        stemlib_host::setVdoError(error, VDO_ERROR_INVALID_ARGUMENT, "not a stream");
+        return false;
+    }
+    return !stemlib_host::injectedVdoFailure(call, error);
+}
+
+} // namespace
+
 VdoStream* vdo_stream_new(VdoMap* settings, VdoBufferFinalizer fin, GError** error) {
     using namespace stemlib_host;
     if (settings != nullptr && !VDO_IS_MAP(settings)) {
@@ -280,12 +294,7 @@ gboolean vdo_stream_attach(VdoStream* self, VdoMap* intent, GError** error) {
 }
 
 VdoMap* vdo_stream_get_settings(VdoStream* self, GError** error) {
-    using namespace stemlib_host;
-    if (!VDO_IS_STREAM(self)) {
-        setVdoError(error, VDO_ERROR_INVALID_ARGUMENT, "not a stream");
-        return nullptr;
-    }
-    if (injectedVdoFailure("vdo_stream_get_settings", error)) {
+    if (!admitted(self, "vdo_stream_get_settings", error)) {
         return nullptr;
     }
     const StreamSettings& s = self->impl->settings;
@@ -302,12 +311,7 @@ VdoMap* vdo_stream_get_settings(VdoStream* self, GError** error) {
 }
 
 VdoMap* vdo_stream_get_info(VdoStream* self, GError** error) {
-    using namespace stemlib_host;
-    if (!VDO_IS_STREAM(self)) {
-        setVdoError(error, VDO_ERROR_INVALID_ARGUMENT, "not a stream");
-        return nullptr;
-    }
-    if (injectedVdoFailure("vdo_stream_get_info", error)) {
+    if (!admitted(self, "vdo_stream_get_info", error)) {
         return nullptr;
     }
     const StreamSettings& s = self->impl->settings;
@@ -323,12 +327,7 @@ VdoMap* vdo_stream_get_info(VdoStream* self, GError** error) {
 }
 
 gboolean vdo_stream_start(VdoStream* self, GError** error) {
-    using namespace stemlib_host;
-    if (!VDO_IS_STREAM(self)) {
-        setVdoError(error, VDO_ERROR_INVALID_ARGUMENT, "not a stream");
-        return FALSE;
-    }
-    if (injectedVdoFailure("vdo_stream_start", error)) {
+    if (!admitted(self, "vdo_stream_start", error)) {
         return FALSE;
     }
     StreamImpl& impl = *self->impl;
@@ -353,11 +352,7 @@ void vdo_stream_stop(VdoStream* self) {
 
 VdoBuffer* vdo_stream_get_buffer(VdoStream* self, GError** error) {
     using namespace stemlib_host;
-    if (!VDO_IS_STREAM(self)) {
-        setVdoError(error, VDO_ERROR_INVALID_ARGUMENT, "not a stream");
-        return nullptr;
-    }
-    if (injectedVdoFailure("vdo_stream_get_buffer", error)) {
+    if (!admitted(self, "vdo_stream_get_buffer", error)) {
         return nullptr;
     }
     StreamImpl& impl = *self->impl;
