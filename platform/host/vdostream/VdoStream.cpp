@@ -263,8 +263,7 @@ VdoStream* vdo_stream_new(VdoMap* settings, VdoBufferFinalizer fin, GError** err
         layout.height = parsed.height;
         layout.rotation = parsed.rotation;
         layout.crop = parsed.crop;
-        input = makeVideoInput(description->getOr("video.input", "generator"),
-                               description->directory, layout);
+        input = makeVideoInput(*description, layout);
     } catch (const std::exception& e) {
         setVdoError(error, VDO_ERROR_NO_VIDEO, e.what());
         return nullptr;

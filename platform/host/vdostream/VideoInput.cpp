@@ -169,25 +169,19 @@ private:
     ConversionScratch _scratch;
 };
 
-std::string resolve(const std::string& path, const std::string& directory) {
-    if (path.empty() || path[0] == '/' || directory.empty()) {
-        return path;
-    }
-    return directory + "/" + path;
-}
-
 } // namespace
 
-std::unique_ptr<VideoInput> makeVideoInput(const std::string& spec, const std::string& directory,
+std::unique_ptr<VideoInput> makeVideoInput(const CameraDescription& camera,
                                            const InputLayout& layout) {
+    const std::string spec = camera.getOr("video.input", "generator");
     if (spec == "generator") {
         return std::make_unique<GeneratorInput>(layout);
     }
     if (spec.compare(0, 5, "file:") == 0 && spec.size() > 5) {
-        return std::make_unique<VideoFileInput>(resolve(spec.substr(5), directory), layout);
+        return std::make_unique<VideoFileInput>(camera.resolvePath(spec.substr(5)), layout);
     }
     if (spec.compare(0, 7, "images:") == 0 && spec.size() > 7) {
-        return std::make_unique<ImageFolderInput>(resolve(spec.substr(7), directory), layout);
+        return std::make_unique<ImageFolderInput>(camera.resolvePath(spec.substr(7)), layout);
     }
     throw std::runtime_error("video.input \"" + spec +
                              "\" is none of generator, file:<path>, images:<folder>");

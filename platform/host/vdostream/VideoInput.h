@@ -4,6 +4,7 @@
 #pragma once
 
 #include "FrameGenerator.h"
+#include "HostCamera.h"
 
 #include <opencv2/core.hpp>
 
@@ -30,10 +31,10 @@ public:
                          std::string& problem) = 0;
 };
 
-// The input that video.input names: "generator", "file:<path>" or "images:<folder>", relative
-// paths being taken from directory. Throws std::runtime_error with a clear text when the input
-// is unknown or has no frame.
-std::unique_ptr<VideoInput> makeVideoInput(const std::string& spec, const std::string& directory,
+// The input that the camera's video.input names: "generator" (the default), "file:<path>" or
+// "images:<folder>", relative paths being taken from the description's folder. Throws
+// std::runtime_error with a clear text when the input is unknown or has no frame.
+std::unique_ptr<VideoInput> makeVideoInput(const CameraDescription& camera,
                                            const InputLayout& layout);
 
 // Fits a blue-first 8-bit picture to the layout and writes it as NV12. scratch avoids
