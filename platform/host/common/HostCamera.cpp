@@ -14,6 +14,7 @@
 #include <map>
 #include <mutex>
 #include <sstream>
+#include <stdexcept>
 
 namespace stemlib_host {
 
@@ -56,6 +57,77 @@ std::string trim(const std::string& text) {
     }
     const std::size_t last = text.find_last_not_of(blanks);
     return text.substr(first, last - first + 1);
+}
+
+// Thrown while reading a description, with the text "<origin>:<line>: <what is wrong>".
+class DescriptionError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+// The path with symbolic links and relative parts resolved, or the path itself when it cannot be.
+std::string absolutePath(const std::string& path) {
+    char absolute[PATH_MAX];
+    return realpath(path.c_str(), absolute) != nullptr ? absolute : path;
+}
+
+CameraDescription parseCameraDescription(const std::string& text, const std::string& origin,
+                                         const std::string& directory) {
+    CameraDescription description;
+    description.origin = origin;
+    description.directory = directory;
+    std::istringstream lines(text);
+    std::string line;
+    int lineNumber = 0;
+    while (std::getline(lines, line)) {
+        ++lineNumber;
+        const std::string content = trim(line);
+        if (content.empty() || content[0] == '#') {
+            continue;
+        }
+        const std::size_t equals = content.find('=');
+        if (equals == std::string::npos) {
+            throw DescriptionError(origin + ":" + std::to_string(lineNumber) +
+                                   ": expected \"key = value\"");
+        }
+        const std::string key = trim(content.substr(0, equals));
+        if (key.empty()) {
+            throw DescriptionError(origin + ":" + std::to_string(lineNumber) + ": empty key");
+        }
+        const std::string value = trim(content.substr(equals + 1));
+        bool replaced = false;
+        for (auto& entry : description.entries) {
+            if (entry.first == key) {
+                entry.second = value;
+                replaced = true;
+            }
+        }
+        if (!replaced) {
+            description.entries.emplace_back(key, value);
+        }
+    }
+    return description;
+}
+
+CameraDescription loadCameraDescriptionFile(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    if (!file) {
+        throw DescriptionError(path +
+                               ": cannot open the camera description: " + std::strerror(errno));
+    }
+    std::ostringstream text;
+    text << file.rdbuf();
+    // Relative file names in values are taken from the description's own folder, made absolute
+    // so that a later change of the working directory does not matter.
+    const std::string fullPath = absolutePath(path);
+    const std::size_t slash = fullPath.rfind('/');
+    const std::string directory = slash == std::string::npos ? "." : fullPath.substr(0, slash);
+    return parseCameraDescription(text.str(), path, directory.empty() ? "/" : directory);
+}
+
+std::shared_ptr<const CameraDescription> defaultCamera() {
+    return std::make_shared<const CameraDescription>(
+        parseCameraDescription(kDefaultCamera, "built-in default camera", std::string()));
 }
 
 struct Failure {
@@ -117,8 +189,7 @@ void initialiseLocked(State& s) {
         }
     }
     if (!s.camera) {
-        s.camera = std::make_shared<const CameraDescription>(
-            parseCameraDescription(kDefaultCamera, "built-in default camera", std::string()));
+        s.camera = defaultCamera();
     }
     addFailuresFromCamera(s, *s.camera);
     if (const char* failures = std::getenv("STEMLIB_HOST_FAIL")) {
@@ -158,65 +229,6 @@ std::string CameraDescription::resolvePath(const std::string& value) const {
         return value;
     }
     return directory + "/" + value;
-}
-
-CameraDescription parseCameraDescription(const std::string& text, const std::string& origin,
-                                         const std::string& directory) {
-    CameraDescription description;
-    description.origin = origin;
-    description.directory = directory;
-    std::istringstream lines(text);
-    std::string line;
-    int lineNumber = 0;
-    while (std::getline(lines, line)) {
-        ++lineNumber;
-        const std::string content = trim(line);
-        if (content.empty() || content[0] == '#') {
-            continue;
-        }
-        const std::size_t equals = content.find('=');
-        if (equals == std::string::npos) {
-            throw DescriptionError(origin + ":" + std::to_string(lineNumber) +
-                                   ": expected \"key = value\"");
-        }
-        const std::string key = trim(content.substr(0, equals));
-        if (key.empty()) {
-            throw DescriptionError(origin + ":" + std::to_string(lineNumber) + ": empty key");
-        }
-        const std::string value = trim(content.substr(equals + 1));
-        bool replaced = false;
-        for (auto& entry : description.entries) {
-            if (entry.first == key) {
-                entry.second = value;
-                replaced = true;
-            }
-        }
-        if (!replaced) {
-            description.entries.emplace_back(key, value);
-        }
-    }
-    return description;
-}
-
-CameraDescription loadCameraDescriptionFile(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    if (!file) {
-        throw DescriptionError(path +
-                               ": cannot open the camera description: " + std::strerror(errno));
-    }
-    std::ostringstream text;
-    text << file.rdbuf();
-    // Relative file names in values are taken from the description's own folder, made absolute
-    // so that a later change of the working directory does not matter.
-    char absolute[PATH_MAX];
-    const std::string fullPath = realpath(path.c_str(), absolute) != nullptr ? absolute : path;
-    const std::size_t slash = fullPath.rfind('/');
-    const std::string directory = slash == std::string::npos ? "." : fullPath.substr(0, slash);
-    return parseCameraDescription(text.str(), path, directory.empty() ? "/" : directory);
-}
-
-const char* defaultCameraDescriptionText() {
-    return kDefaultCamera;
 }
 
 std::shared_ptr<const CameraDescription> camera() {
@@ -286,13 +298,11 @@ extern "C" int stemlib_host_load_camera(const char* path, char** error) {
     using namespace stemlib_host;
     try {
         if (path == nullptr) {
-            setCamera(std::make_shared<const CameraDescription>(parseCameraDescription(
-                defaultCameraDescriptionText(), "built-in default camera", std::string())));
+            setCamera(defaultCamera());
             unsetenv("STEMLIB_HOST_CAMERA");
         } else {
             setCamera(std::make_shared<const CameraDescription>(loadCameraDescriptionFile(path)));
-            char absolute[PATH_MAX];
-            setenv("STEMLIB_HOST_CAMERA", realpath(path, absolute) != nullptr ? absolute : path, 1);
+            setenv("STEMLIB_HOST_CAMERA", absolutePath(path).c_str(), 1);
         }
         return 0;
     } catch (const std::exception& e) {

@@ -4,7 +4,7 @@
 // '#' are ignored, and blanks around key and value are dropped. Keys are case-sensitive; a key
 // given twice keeps its last value. The format is documented in the README ("The camera on a
 // PC"). Keys starting with "root." are the camera's parameters; the other keys are read by the
-// stand-in they concern (see defaultCameraDescriptionText for all of them).
+// stand-in they concern (HostCamera.cpp's built-in default camera shows all of them).
 //
 // The description in effect is process-wide: loaded once from STEMLIB_HOST_CAMERA (or the
 // built-in default), replaceable with stemlib_host_load_camera. Readers get an immutable
@@ -14,7 +14,6 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
-#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
@@ -37,17 +36,6 @@ public:
     // A file name from a value, made absolute against directory when it is relative.
     std::string resolvePath(const std::string& value) const;
 };
-
-// Thrown by parseCameraDescription with the text "<origin>:<line>: <what is wrong>".
-class DescriptionError : public std::runtime_error {
-public:
-    using std::runtime_error::runtime_error;
-};
-
-CameraDescription parseCameraDescription(const std::string& text, const std::string& origin,
-                                         const std::string& directory);
-CameraDescription loadCameraDescriptionFile(const std::string& path);
-const char* defaultCameraDescriptionText();
 
 // The camera in effect. A description file that cannot be read at first use is reported on
 // standard error once and the default camera applies.
