@@ -1,6 +1,7 @@
 #include "AxisVideoStreamSource.h"
 
 #include "CameraManager.h"
+#include "GErrorMessage.h"
 #include "imgconverter.h"
 
 #include <vdo-stream.h>
@@ -14,15 +15,36 @@ namespace Ombrel {
 
 namespace {
 
-std::string messageOf(const GError* error) {
-    return error != nullptr && error->message != nullptr ? error->message : "unknown error";
-}
+using detail::takeErrorMessage;
 
 struct GObjectUnref {
     void operator()(gpointer object) const { g_object_unref(object); }
 };
 template <typename T>
 using GObjectPtr = std::unique_ptr<T, GObjectUnref>;
+
+// The next camera buffer; null, after logging under function's name, when none comes.
+VdoBuffer* takeBuffer(VdoStream* stream, const char* function) {
+    GError* error = nullptr;
+    VdoBuffer* buffer = vdo_stream_get_buffer(stream, &error);
+    if (buffer == nullptr) {
+        g_stemlibLogger.error(std::string(function) + ": Failed to get VDO buffer. " +
+                              takeErrorMessage(error));
+    }
+    return buffer;
+}
+
+// Gives the buffer back to the stream; false, after logging under function's name, when the
+// stream refuses it.
+bool giveBack(VdoStream* stream, VdoBuffer* buffer, const char* function) {
+    GError* error = nullptr;
+    if (!vdo_stream_buffer_unref(stream, &buffer, &error)) {
+        g_stemlibLogger.error(std::string(function) +
+                              ": Failed to release VDO stream buffer: " + takeErrorMessage(error));
+        return false;
+    }
+    return true;
+}
 
 } // namespace
 
@@ -44,8 +66,7 @@ AxisVideoStreamSource::AxisVideoStreamSource(const Resolution& resolution)
                                       std::ios::in | std::ios::out);
         GError* error = nullptr;
         auto fail = [&](const char* sentence) {
-            errorStream << sentence << messageOf(error);
-            g_clear_error(&error);
+            errorStream << sentence << takeErrorMessage(error);
             g_stemlibLogger.error("AxisVideoStreamSource: " + errorStream.str());
         };
 
@@ -121,21 +142,12 @@ bool AxisVideoStreamSource::loadFrameFromCamera() {
     if (!_isDirty) {
         return true;
     }
-    GError* error = nullptr;
-    VdoBuffer* buffer = vdo_stream_get_buffer(_vdoStream, &error);
+    VdoBuffer* buffer = takeBuffer(_vdoStream, "loadFrameFromCamera");
     if (buffer == nullptr) {
-        g_stemlibLogger.error("loadFrameFromCamera: Failed to get VDO buffer. " + messageOf(error));
-        g_clear_error(&error);
         return false;
     }
     loadImageData(static_cast<uint8_t*>(vdo_buffer_get_data(buffer)));
-    if (!vdo_stream_buffer_unref(_vdoStream, &buffer, &error)) {
-        g_stemlibLogger.error("loadFrameFromCamera: Failed to release VDO stream buffer: " +
-                              messageOf(error));
-        g_clear_error(&error);
-        return false;
-    }
-    return true;
+    return giveBack(_vdoStream, buffer, "loadFrameFromCamera");
 }
 
 bool AxisVideoStreamSource::getFrame(const Resolution& requestedResolution, int rotation,
@@ -145,11 +157,8 @@ bool AxisVideoStreamSource::getFrame(const Resolution& requestedResolution, int 
         g_stemlibLogger.error("getFrame: output pointer pOutputPixels is null");
         return false;
     }
-    GError* error = nullptr;
-    VdoBuffer* buffer = vdo_stream_get_buffer(_vdoStream, &error);
+    VdoBuffer* buffer = takeBuffer(_vdoStream, "getFrame");
     if (buffer == nullptr) {
-        g_stemlibLogger.error("getFrame: Failed to get VDO buffer. " + messageOf(error));
-        g_clear_error(&error);
         return false;
     }
     try {
@@ -206,12 +215,7 @@ bool AxisVideoStreamSource::getFrame(const Resolution& requestedResolution, int 
         g_stemlibLogger.error("getFrame: Unexpected error while converting YUV data to RGB.");
         return false;
     }
-    if (!vdo_stream_buffer_unref(_vdoStream, &buffer, &error)) {
-        g_stemlibLogger.error("getFrame: Failed to release VDO stream buffer: " + messageOf(error));
-        g_clear_error(&error);
-        return false;
-    }
-    return true;
+    return giveBack(_vdoStream, buffer, "getFrame");
 }
 
 cv::Mat AxisVideoStreamSource::toCVMat() const {

@@ -1,5 +1,6 @@
 #include "CameraManager.h"
 
+#include "GErrorMessage.h"
 #include "Points.h"
 
 #include <axsdk/axparameter.h>
@@ -10,11 +11,6 @@
 namespace Ombrel {
 
 namespace {
-
-// The message of a GError that may be missing.
-std::string messageOf(const GError* error) {
-    return error != nullptr && error->message != nullptr ? error->message : "unknown error";
-}
 
 // Reads every channel's resolutions into one set; functionName heads the log lines.
 ResolutionSet readChannelResolutions(const std::string& functionName) {
@@ -34,8 +30,7 @@ ResolutionSet readChannelResolutions(const std::string& functionName) {
             // One unreadable channel must not hide the others.
             g_stemlibLogger.error(functionName + ": Failed to get resolutions of channel " +
                                   std::to_string(vdo_channel_get_id(channel)) +
-                                  ". Error: " + messageOf(error));
-            g_clear_error(&error);
+                                  ". Error: " + detail::takeErrorMessage(error));
             continue;
         }
         for (gsize i = 0; i < set->count; ++i) {
@@ -188,8 +183,7 @@ std::string AxisCameraManager::getParameterAsString(const std::string& parameter
     GError* error = nullptr;
     if (!ax_parameter_get(_axParameter, parameterName.c_str(), &value, &error)) {
         g_stemlibLogger.error("getParameterAsString: Failed to get camera parameter " +
-                              parameterName + ". Error: " + messageOf(error));
-        g_clear_error(&error);
+                              parameterName + ". Error: " + detail::takeErrorMessage(error));
         g_free(value);
         return std::string();
     }
