@@ -50,70 +50,65 @@ bool giveBack(VdoStream* stream, VdoBuffer* buffer, const char* function) {
 
 AxisVideoStreamSource::AxisVideoStreamSource(const Resolution& resolution)
     : VideoStreamSource(resolution) {
-    {
-        // The manager lives until the end of the constructor, as in the order of opening.
-        AxisCameraManager cameraManager("Stemlib");
-        _cameraRotation = cameraManager.getCameraRotation();
+    // The manager lives until the end of the constructor, as in the order of opening.
+    AxisCameraManager cameraManager("Stemlib");
+    _cameraRotation = cameraManager.getCameraRotation();
 
-        g_stemlibLogger.info("AxisVideoStreamSource: AxisVideoStreamSource constructor from "
-                             "resolution called with resolution (W H) = " +
-                             _resolution.toString() + " and rotation " +
-                             std::to_string(_cameraRotation));
+    g_stemlibLogger.info("AxisVideoStreamSource: AxisVideoStreamSource constructor from "
+                         "resolution called with resolution (W H) = " +
+                         _resolution.toString() + " and rotation " +
+                         std::to_string(_cameraRotation));
 
-        // Failure texts overwrite this one from its first character: whatever of it lies beyond
-        // a shorter text stays as the tail of the logged line and of the exception.
-        std::stringstream errorStream("AxisVideoStreamSource::AxisVideoStreamSource error :",
-                                      std::ios::in | std::ios::out);
-        GError* error = nullptr;
-        auto fail = [&](const char* sentence) {
-            errorStream << sentence << takeErrorMessage(error);
-            g_stemlibLogger.error("AxisVideoStreamSource: " + errorStream.str());
-        };
+    // Failure texts overwrite this one from its first character: whatever of it lies beyond
+    // a shorter text stays as the tail of the logged line and of the exception.
+    std::stringstream errorStream("AxisVideoStreamSource::AxisVideoStreamSource error :",
+                                  std::ios::in | std::ios::out);
+    GError* error = nullptr;
+    // Logs the failure and gives the text for the exception.
+    auto fail = [&](const char* sentence) {
+        errorStream << sentence << takeErrorMessage(error);
+        g_stemlibLogger.error("AxisVideoStreamSource: " + errorStream.str());
+        return errorStream.str();
+    };
 
-        // Held until the stream runs, so that a failed construction gives back what it made.
-        const bool landscape = resolution.width > resolution.height;
-        GObjectPtr<VdoMap> settings(vdo_map_new());
-        vdo_map_set_uint32(settings.get(), "channel", 1);
-        vdo_map_set_uint32(settings.get(), "format", VDO_FORMAT_YUV);
-        vdo_map_set_uint32(settings.get(), "width",
-                           landscape ? _resolution.width : _resolution.height);
-        vdo_map_set_uint32(settings.get(), "height",
-                           landscape ? _resolution.height : _resolution.width);
-        vdo_map_set_uint32(settings.get(), "rotation", static_cast<guint32>(_cameraRotation));
+    // Held until the stream runs, so that a failed construction gives back what it made.
+    const bool landscape = resolution.width > resolution.height;
+    GObjectPtr<VdoMap> settings(vdo_map_new());
+    vdo_map_set_uint32(settings.get(), "channel", 1);
+    vdo_map_set_uint32(settings.get(), "format", VDO_FORMAT_YUV);
+    vdo_map_set_uint32(settings.get(), "width", landscape ? _resolution.width : _resolution.height);
+    vdo_map_set_uint32(settings.get(), "height",
+                       landscape ? _resolution.height : _resolution.width);
+    vdo_map_set_uint32(settings.get(), "rotation", static_cast<guint32>(_cameraRotation));
 
-        GObjectPtr<VdoStream> stream(vdo_stream_new(settings.get(), nullptr, &error));
-        if (!stream) {
-            fail("Failed to create new VDO stream from settings. ");
-            throw std::runtime_error(errorStream.str());
-        }
-        settings.reset();
-
-        if (!vdo_stream_attach(stream.get(), nullptr, &error)) {
-            fail("Failed to attach VDO stream to stream. ");
-            throw std::runtime_error(errorStream.str());
-        }
-
-        if (GObjectPtr<VdoMap> current{vdo_stream_get_settings(stream.get(), &error)}) {
-            g_stemlibLogger.info(
-                "AxisVideoStreamSource: Starting stream: VDO_FORMAT_YUV, " +
-                std::to_string(vdo_map_get_uint32(current.get(), "width", 0)) + "x" +
-                std::to_string(vdo_map_get_uint32(current.get(), "height", 0)) + ", rotation " +
-                std::to_string(vdo_map_get_uint32(current.get(), "rotation", 0)) + ", " +
-                std::to_string(vdo_map_get_uint32(current.get(), "framerate", 0)) + " fps");
-        } else {
-            // Only logged: the stream can start without its settings being read back.
-            fail("Failed to attach retrieve VDO stream settings. ");
-        }
-
-        if (!vdo_stream_start(stream.get(), &error)) {
-            fail("Failed to start VDO stream. ");
-            throw std::runtime_error(errorStream.str());
-        }
-        _vdoStream = stream.release();
-
-        g_stemlibLogger.info(
-            "AxisVideoStreamSource: Successfully created VideoStreamSource instance");
+    GObjectPtr<VdoStream> stream(vdo_stream_new(settings.get(), nullptr, &error));
+    if (!stream) {
+        throw std::runtime_error(fail("Failed to create new VDO stream from settings. "));
     }
+    settings.reset();
+
+    if (!vdo_stream_attach(stream.get(), nullptr, &error)) {
+        throw std::runtime_error(fail("Failed to attach VDO stream to stream. "));
+    }
+
+    if (GObjectPtr<VdoMap> current{vdo_stream_get_settings(stream.get(), &error)}) {
+        g_stemlibLogger.info(
+            "AxisVideoStreamSource: Starting stream: VDO_FORMAT_YUV, " +
+            std::to_string(vdo_map_get_uint32(current.get(), "width", 0)) + "x" +
+            std::to_string(vdo_map_get_uint32(current.get(), "height", 0)) + ", rotation " +
+            std::to_string(vdo_map_get_uint32(current.get(), "rotation", 0)) + ", " +
+            std::to_string(vdo_map_get_uint32(current.get(), "framerate", 0)) + " fps");
+    } else {
+        // Only logged: the stream can start without its settings being read back.
+        fail("Failed to attach retrieve VDO stream settings. ");
+    }
+
+    if (!vdo_stream_start(stream.get(), &error)) {
+        throw std::runtime_error(fail("Failed to start VDO stream. "));
+    }
+    _vdoStream = stream.release();
+
+    g_stemlibLogger.info("AxisVideoStreamSource: Successfully created VideoStreamSource instance");
 }
 
 AxisVideoStreamSource::~AxisVideoStreamSource() {
