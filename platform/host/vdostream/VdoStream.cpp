@@ -258,12 +258,8 @@ VdoStream* vdo_stream_new(VdoMap* settings, VdoBufferFinalizer fin, GError** err
     }
     std::unique_ptr<VideoInput> input;
     try {
-        InputLayout layout;
-        layout.width = parsed.width;
-        layout.height = parsed.height;
-        layout.rotation = parsed.rotation;
-        layout.crop = parsed.crop;
-        input = makeVideoInput(*description, layout);
+        input = makeVideoInput(
+            *description, InputLayout{parsed.width, parsed.height, parsed.rotation, parsed.crop});
     } catch (const std::exception& e) {
         setVdoError(error, VDO_ERROR_NO_VIDEO, e.what());
         return nullptr;
