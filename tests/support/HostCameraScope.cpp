@@ -22,8 +22,8 @@ const bool g_pathSet = [] {
 } // namespace
 
 HostCameraScope::HostCameraScope() {
-    stemlib_host_load_camera(nullptr, nullptr);
     stemlib_host_clear_failures();
+    stemlib_host_load_camera(nullptr, nullptr);
 }
 
 HostCameraScope::HostCameraScope(const std::string& descriptionText) {
@@ -32,10 +32,7 @@ HostCameraScope::HostCameraScope(const std::string& descriptionText) {
 }
 
 void HostCameraScope::reload(const std::string& descriptionText) {
-    if (!_folder) {
-        _folder.emplace();
-    }
-    const std::string path = _folder->file("camera.txt");
+    const std::string path = _folder.file("camera.txt");
     writeWholeFile(path, descriptionText);
     char* error = nullptr;
     if (stemlib_host_load_camera(path.c_str(), &error) != 0) {
@@ -46,8 +43,18 @@ void HostCameraScope::reload(const std::string& descriptionText) {
 }
 
 HostCameraScope::~HostCameraScope() {
-    stemlib_host_load_camera(nullptr, nullptr);
     stemlib_host_clear_failures();
+    stemlib_host_load_camera(nullptr, nullptr);
+}
+
+std::vector<std::uint8_t> generatorFrame(unsigned width, unsigned height, unsigned rotation,
+                                         unsigned long long sequence) {
+    std::vector<std::uint8_t> frame(std::size_t{width} * height * 3 / 2);
+    if (stemlib_host_render_generator_frame(width, height, rotation, sequence, frame.data(),
+                                            frame.size()) != 0) {
+        throw std::invalid_argument("no generator frame of that size and rotation");
+    }
+    return frame;
 }
 
 } // namespace StemlibTest

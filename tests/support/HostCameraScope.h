@@ -8,8 +8,9 @@
 
 #include "ScratchDirectory.h"
 
-#include <optional>
+#include <cstdint>
 #include <string>
+#include <vector>
 
 namespace StemlibTest {
 
@@ -24,14 +25,19 @@ public:
     HostCameraScope(const HostCameraScope&) = delete;
     HostCameraScope& operator=(const HostCameraScope&) = delete;
 
-    // The folder of the description file ("" for the default camera).
-    std::string folder() const { return _folder ? _folder->path().string() : std::string(); }
+    // The folder of the description file, where a test may put the files that it names.
+    std::string folder() const { return _folder.path().string(); }
 
     // Writes descriptionText over the description file and loads it in place of the current one.
     void reload(const std::string& descriptionText);
 
 private:
-    std::optional<ScratchDirectory> _folder;
+    ScratchDirectory _folder;
 };
+
+// Frame `sequence` of the built-in generator, as a stream of width by height (before rotation)
+// turned by rotation delivers it: NV12.
+std::vector<std::uint8_t> generatorFrame(unsigned width, unsigned height, unsigned rotation,
+                                         unsigned long long sequence);
 
 } // namespace StemlibTest
