@@ -3,7 +3,7 @@
 // scale, the dirty flag, and every failure row with its exact text.
 #include "AxisVideoStreamSource.h"
 #include "HostCameraScope.h"
-#include "RecordingLogger.h"
+#include "LogLines.h"
 #include "ScopedLogger.h"
 #include "imgconverter.h"
 #include "stemlib-host.h"
@@ -21,7 +21,7 @@ using namespace Ombrel;
 using StemlibTest::HostCameraScope;
 using StemlibTest::RecordingLogger;
 using StemlibTest::ScopedLogger;
-
+using Lines = std::vector<std::string>;
 using Pixels = std::vector<uint8_t>;
 
 std::string cameraAt(int rotation, const std::string& extra = std::string()) {
@@ -34,13 +34,9 @@ std::string cameraAt(int rotation, const std::string& extra = std::string()) {
 // clockwise by `quarters`, or, for quarters -1, cropped and scaled.
 Pixels expected(unsigned rotation, unsigned long long sequence, unsigned rw, unsigned rh,
                 int quarters) {
-    const bool sideways = rotation == 90 || rotation == 270;
-    const unsigned w = sideways ? 180 : 320;
-    const unsigned h = sideways ? 320 : 180;
-    Pixels nv12(w * h * 3 / 2);
-    EXPECT_EQ(
-        stemlib_host_render_generator_frame(320, 180, rotation, sequence, nv12.data(), nv12.size()),
-        0);
+    const unsigned w = rotation % 180 == 0 ? 320 : 180;
+    const unsigned h = 320 * 180 / w;
+    Pixels nv12 = StemlibTest::generatorFrame(320, 180, rotation, sequence);
     Pixels rgb(std::size_t{rw} * rh * 3);
     if (quarters < 0) {
         EXPECT_TRUE(convertCropScaleU8yuvToRGB(nv12.data(), w, h, rgb.data(), rw, rh));
@@ -48,11 +44,8 @@ Pixels expected(unsigned rotation, unsigned long long sequence, unsigned rw, uns
     }
     cv::Mat whole(static_cast<int>(h), static_cast<int>(w), CV_8UC3);
     convertU8yuvToRGBlibYuv(w, h, nv12.data(), whole.data);
-    if (quarters > 0) {
-        cv::rotate(whole, whole,
-                   quarters == 1   ? cv::ROTATE_90_CLOCKWISE
-                   : quarters == 2 ? cv::ROTATE_180
-                                   : cv::ROTATE_90_COUNTERCLOCKWISE);
+    for (int turn = 0; turn < quarters; ++turn) {
+        cv::rotate(whole, whole, cv::ROTATE_90_CLOCKWISE);
     }
     return Pixels(whole.data, whole.data + whole.total() * 3);
 }
@@ -67,14 +60,9 @@ Pixels imageBuffer(const AxisVideoStreamSource& source) {
     return Pixels(source.getImageData(), source.getImageData() + 320 * 180 * 3);
 }
 
-// The messages logged at level, in order; the log is emptied.
-std::vector<std::string> lines(RecordingLogger& logger, const std::string& level) {
-    std::vector<std::string> result;
-    for (const auto& line : logger.lines) {
-        if (line.level == level) {
-            result.push_back(line.message);
-        }
-    }
+// The lines logged at level, in order; the log is emptied.
+Lines lines(RecordingLogger& logger, const std::string& level) {
+    Lines result = StemlibTest::linesAt(logger, level);
     logger.lines.clear();
     return result;
 }
@@ -83,27 +71,20 @@ TEST(AxisVideoStreamSource, OpensTheStreamInOrderAndLogsEachStep) {
     HostCameraScope camera(cameraAt(0, "video.framerate = 25\n"));
     RecordingLogger logger;
     ScopedLogger scope(logger);
-    {
-        // A portrait resolution opens a landscape stream.
-        AxisVideoStreamSource source(Resolution(180, 320));
-        EXPECT_EQ(source.getResolution(), Resolution(180, 320));
-    }
+    // A portrait resolution opens a landscape stream.
+    { AxisVideoStreamSource source(Resolution(180, 320)); }
     EXPECT_EQ(logger.lines.size(), 7U);
     EXPECT_EQ(lines(logger, "info"),
-              (std::vector<std::string>{
-                  "STEMLIB::setImageBufferResolution: requested frame size (172800) exceeds image "
-                  "buffer size (0). Resizing image buffer.",
-                  "STEMLIB::VideoStreamSource: VideoStreamSource constructor from resolution 180 "
-                  "320",
-                  "STEMLIB::AxisCameraManager: AxisCameraManager constructor called appName = "
-                  "Stemlib",
-                  "STEMLIB::AxisVideoStreamSource: AxisVideoStreamSource constructor from "
-                  "resolution called with resolution (W H) = 180 320 and rotation 0",
-                  "STEMLIB::AxisVideoStreamSource: Starting stream: VDO_FORMAT_YUV, 320x180, "
-                  "rotation 0, 25 fps",
-                  "STEMLIB::AxisVideoStreamSource: Successfully created VideoStreamSource "
-                  "instance",
-                  "STEMLIB::~AxisCameraManager: AxisCameraManager destructor called"}));
+              (Lines{"setImageBufferResolution: requested frame size (172800) exceeds image "
+                     "buffer size (0). Resizing image buffer.",
+                     "VideoStreamSource: VideoStreamSource constructor from resolution 180 320",
+                     "AxisCameraManager: AxisCameraManager constructor called appName = Stemlib",
+                     "AxisVideoStreamSource: AxisVideoStreamSource constructor from resolution "
+                     "called with resolution (W H) = 180 320 and rotation 0",
+                     "AxisVideoStreamSource: Starting stream: VDO_FORMAT_YUV, 320x180, rotation 0, "
+                     "25 fps",
+                     "AxisVideoStreamSource: Successfully created VideoStreamSource instance",
+                     "~AxisCameraManager: AxisCameraManager destructor called"}));
 }
 
 TEST(AxisVideoStreamSource, DeliversEachRowOfTheTableOfRotationsAndSizes) {
@@ -116,16 +97,15 @@ TEST(AxisVideoStreamSource, DeliversEachRowOfTheTableOfRotationsAndSizes) {
     // The camera's rotation at 0 or 180: the buffer holds 320 by 180.
     const std::vector<Row> unturned = {{320, 180, 0, 0},   {320, 180, 180, 2}, {180, 320, 90, 1},
                                        {180, 320, 270, 3}, {320, 180, 90, -1}, {180, 320, 0, -1},
-                                       {481, 353, 0, -1},  {640, 360, 0, -1},  {1920, 1080, 0, -1}};
+                                       {481, 353, 0, -1},  {1920, 1080, 0, -1}};
     // At 90 or 270 the buffer holds 180 by 320, and the half turn is tested at the transposed
     // size, as the table has it.
     const std::vector<Row> turned = {{320, 180, 0, 0},   {320, 180, 90, 1},   {320, 180, 270, 3},
                                      {180, 320, 180, 2}, {320, 180, 180, -1}, {180, 320, 0, -1},
                                      {160, 90, 90, -1}};
-    for (int cameraRotation : {0, 90, 180, 270}) {
-        HostCameraScope camera(cameraAt(cameraRotation));
+    for (unsigned r : {0U, 90U, 180U, 270U}) {
+        HostCameraScope camera(cameraAt(static_cast<int>(r)));
         AxisVideoStreamSource source(Resolution(320, 180));
-        const unsigned r = static_cast<unsigned>(cameraRotation);
         unsigned long long n = 0;
         Pixels held;
         for (const Row& row : r % 180 == 0 ? unturned : turned) {
@@ -140,12 +120,8 @@ TEST(AxisVideoStreamSource, DeliversEachRowOfTheTableOfRotationsAndSizes) {
             EXPECT_EQ(imageBuffer(source), held);
             ++n;
         }
-        // toCVMat keeps the shape of the resolution, and exchanges the colours in place.
-        const cv::Mat first = source.toCVMat();
-        EXPECT_EQ(first.rows, 180);
-        EXPECT_EQ(first.cols, 320);
-        const cv::Mat second = source.toCVMat();
-        EXPECT_EQ(first.at<cv::Vec3b>(0, 0)[0], second.at<cv::Vec3b>(0, 0)[2]);
+        // toCVMat keeps the shape of the resolution, also for a turned camera.
+        EXPECT_EQ(source.toCVMat().size(), cv::Size(320, 180));
     }
 }
 
@@ -163,29 +139,6 @@ TEST(AxisVideoStreamSource, DirtyFlagHoldsTheFrameWhileBuffersAreStillUsedUp) {
     source.setIsDirty(true);
     EXPECT_TRUE(source.loadFrameFromCamera());
     EXPECT_EQ(imageBuffer(source), expected(0, 3, 320, 180, 0));
-    EXPECT_EQ(take(source, 320, 180, 0), expected(0, 4, 320, 180, 0));
-
-    // Several sources at once, each on its own stream.
-    AxisVideoStreamSource other(Resolution(320, 180));
-    EXPECT_EQ(take(other, 320, 180, 0), expected(0, 0, 320, 180, 0));
-    EXPECT_EQ(take(source, 320, 180, 0), expected(0, 5, 320, 180, 0));
-}
-
-TEST(AxisVideoStreamSource, NullFramePointersAreLoggedNotFollowed) {
-    HostCameraScope camera(cameraAt(0));
-    AxisVideoStreamSource source(Resolution(320, 180));
-    RecordingLogger logger;
-    ScopedLogger scope(logger);
-    source.setIsDirty(false);
-    source.loadImageData(nullptr);
-    EXPECT_FALSE(source.getFrame(Resolution(320, 180), 0, nullptr));
-    EXPECT_EQ(
-        lines(logger, "error"),
-        (std::vector<std::string>{"STEMLIB::loadImageData: Input YUV image data pointer is null",
-                                  "STEMLIB::getFrame: output pointer pOutputPixels is null"}));
-    // No buffer was used up by the refused call.
-    source.setIsDirty(true);
-    EXPECT_EQ(take(source, 320, 180, 0), expected(0, 0, 320, 180, 0));
 }
 
 // The exception text of a constructor that fails at `call` with `message`. The logged line
@@ -203,8 +156,8 @@ std::string constructionError(const std::string& call, const std::string& messag
         what = e.what();
     }
     stemlib_host_clear_failures();
-    const std::vector<std::string> errors = lines(logger, "error");
-    EXPECT_EQ(errors.empty() ? "" : errors.back(), "STEMLIB::AxisVideoStreamSource: " + what);
+    const Lines errors = lines(logger, "error");
+    EXPECT_EQ(errors.empty() ? "" : errors.back(), "AxisVideoStreamSource: " + what);
     EXPECT_EQ(stemlib_host_live_objects("VdoStream"), streams) << call;
     EXPECT_EQ(stemlib_host_live_objects("VdoMap"), maps) << call;
     return what;
@@ -230,8 +183,8 @@ TEST(AxisVideoStreamSource, ConstructionFailuresOverwriteTheErrorText) {
     {
         AxisVideoStreamSource source(Resolution(320, 180));
         EXPECT_EQ(lines(logger, "error"),
-                  (std::vector<std::string>{"STEMLIB::AxisVideoStreamSource: Failed to attach "
-                                            "retrieve VDO stream settings. no settings"}));
+                  (Lines{"AxisVideoStreamSource: Failed to attach retrieve VDO stream settings. "
+                         "no settings"}));
         EXPECT_EQ(take(source, 320, 180, 0), expected(0, 0, 320, 180, 0));
     }
     // ... and a later start failure is written behind it.
@@ -241,12 +194,8 @@ TEST(AxisVideoStreamSource, ConstructionFailuresOverwriteTheErrorText) {
               "offline");
 
     // A camera rotation that is no number passes std::stoi's exception on.
-    camera.reload("root.Image.I0.Appearance.Rotation = sideways\nchannels = 1\n"
-                  "channel.1.resolutions = 320x180\n");
+    camera.reload(cameraAt(0) + "root.Image.I0.Appearance.Rotation = sideways\n");
     EXPECT_THROW(AxisVideoStreamSource(Resolution(320, 180)), std::invalid_argument);
-    // The video service refuses what the camera cannot serve.
-    camera.reload(cameraAt(0));
-    EXPECT_THROW(AxisVideoStreamSource(Resolution(1920, 1080)), std::runtime_error);
 }
 
 // Throws from loadImageData, as the exception row of getFrame describes.
@@ -266,6 +215,11 @@ TEST(AxisVideoStreamSource, FrameFailuresAreLoggedAndReturnFalse) {
     logger.lines.clear();
     Pixels out(320 * 180 * 3);
 
+    // Null pointers are logged, not followed, and use up no buffer.
+    source.setIsDirty(false);
+    source.loadImageData(nullptr);
+    source.setIsDirty(true);
+    EXPECT_FALSE(source.getFrame(Resolution(320, 180), 0, nullptr));
     stemlib_host_set_failure("vdo_stream_get_buffer", "no frame");
     EXPECT_FALSE(source.getFrame(Resolution(320, 180), 0, out.data()));
     EXPECT_FALSE(source.loadFrameFromCamera());
@@ -277,23 +231,23 @@ TEST(AxisVideoStreamSource, FrameFailuresAreLoggedAndReturnFalse) {
     // A failed conversion, and an exception on the way, keep the camera buffer.
     EXPECT_FALSE(source.getFrame(Resolution(0, 0), 0, out.data()));
     EXPECT_FALSE(throwing.getFrame(Resolution(320, 180), 0, out.data()));
-    std::vector<std::string> errors = lines(logger, "error");
-    ASSERT_EQ(errors.size(), 7U);
-    errors.erase(errors.begin() + 4); // the converter's own line
+    Lines errors = lines(logger, "error");
+    ASSERT_EQ(errors.size(), 9U);
+    errors.erase(errors.begin() + 6); // the converter's own line
     EXPECT_EQ(errors,
-              (std::vector<std::string>{
-                  "STEMLIB::getFrame: Failed to get VDO buffer. no frame",
-                  "STEMLIB::loadFrameFromCamera: Failed to get VDO buffer. no frame",
-                  "STEMLIB::getFrame: Failed to release VDO stream buffer: queue full",
-                  "STEMLIB::loadFrameFromCamera: Failed to release VDO stream buffer: queue full",
-                  "STEMLIB::getFrame: convertCropScaleU8yuvToRGB failed to convert YUV data to "
-                  "RGB data.",
-                  "STEMLIB::getFrame: Unexpected error while converting YUV data to RGB."}));
+              (Lines{"loadImageData: Input YUV image data pointer is null",
+                     "getFrame: output pointer pOutputPixels is null",
+                     "getFrame: Failed to get VDO buffer. no frame",
+                     "loadFrameFromCamera: Failed to get VDO buffer. no frame",
+                     "getFrame: Failed to release VDO stream buffer: queue full",
+                     "loadFrameFromCamera: Failed to release VDO stream buffer: queue full",
+                     "getFrame: convertCropScaleU8yuvToRGB failed to convert YUV data to RGB data.",
+                     "getFrame: Unexpected error while converting YUV data to RGB."}));
     // The two buffers not given back by unref and the one kept by the conversion are gone.
     EXPECT_FALSE(source.getFrame(Resolution(320, 180), 0, out.data()));
     errors = lines(logger, "error");
     ASSERT_EQ(errors.size(), 1U);
-    EXPECT_EQ(errors[0].rfind("STEMLIB::getFrame: Failed to get VDO buffer. all 3 buffers", 0), 0U)
+    EXPECT_EQ(errors[0].rfind("getFrame: Failed to get VDO buffer. all 3 buffers", 0), 0U)
         << errors[0];
 }
 
