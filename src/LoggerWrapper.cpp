@@ -14,9 +14,21 @@ namespace {
 const char* const kLoggerPrefix = "STEMLIB::";
 const char* const kSyslogPrefix = "STEMLIB*::";
 
-// The message is always an argument, never the format: text from outside may hold '%'.
-void toSyslog(int priority, const std::string& text) {
-    syslog(priority, "%s", text.c_str());
+using LoggerOperation = void (Logger::*)(const std::string&);
+
+// The one decision of the facade: a logger set gets the line through operation, otherwise the
+// system log gets it at priority. Prefixed lines carry the prefix of their route; bare lines
+// travel as they are. The message is always a syslog argument, never the format: text from
+// outside may hold '%'.
+void route(Logger* logger, LoggerOperation operation, int priority, const std::string& message,
+           bool prefixed) {
+    if (logger == nullptr) {
+        syslog(priority, "%s", (prefixed ? kSyslogPrefix + message : message).c_str());
+    } else if (prefixed) {
+        (logger->*operation)(kLoggerPrefix + message);
+    } else {
+        (logger->*operation)(message);
+    }
 }
 
 } // namespace
@@ -28,51 +40,27 @@ void LoggerWrapper::setLogger(Logger& logger) {
 }
 
 void LoggerWrapper::info(const std::string& message) {
-    if (_logger != nullptr) {
-        _logger->info(kLoggerPrefix + message);
-    } else {
-        toSyslog(LOG_INFO, kSyslogPrefix + message);
-    }
+    route(_logger, &Logger::info, LOG_INFO, message, true);
 }
 
 void LoggerWrapper::warning(const std::string& message) {
-    if (_logger != nullptr) {
-        _logger->warning(kLoggerPrefix + message);
-    } else {
-        toSyslog(LOG_WARNING, kSyslogPrefix + message);
-    }
+    route(_logger, &Logger::warning, LOG_WARNING, message, true);
 }
 
 void LoggerWrapper::error(const std::string& message) {
-    if (_logger != nullptr) {
-        _logger->error(kLoggerPrefix + message);
-    } else {
-        toSyslog(LOG_ERR, kSyslogPrefix + message);
-    }
+    route(_logger, &Logger::error, LOG_ERR, message, true);
 }
 
 void LoggerWrapper::bareInfo(const std::string& message) {
-    if (_logger != nullptr) {
-        _logger->info(message);
-    } else {
-        toSyslog(LOG_INFO, message);
-    }
+    route(_logger, &Logger::info, LOG_INFO, message, false);
 }
 
 void LoggerWrapper::bareWarning(const std::string& message) {
-    if (_logger != nullptr) {
-        _logger->warning(message);
-    } else {
-        toSyslog(LOG_WARNING, message);
-    }
+    route(_logger, &Logger::warning, LOG_WARNING, message, false);
 }
 
 void LoggerWrapper::bareError(const std::string& message) {
-    if (_logger != nullptr) {
-        _logger->error(message);
-    } else {
-        toSyslog(LOG_ERR, message);
-    }
+    route(_logger, &Logger::error, LOG_ERR, message, false);
 }
 
 void useLogger(Logger& logger) {
