@@ -116,6 +116,25 @@ void appendSerialized(std::string& out, const LogEntry& entry, char separator) {
         .append(entry._message);
 }
 
+// The four fields of entry joined by separator.
+std::string joined(const LogEntry& entry, char separator) {
+    std::string out;
+    out.reserve(entry._dateTime.size() + entry._appName.size() + entry._logLevel.size() +
+                entry._message.size() + 3);
+    appendSerialized(out, entry, separator);
+    return out;
+}
+
+// Every entry joined by separator, each followed by a newline.
+std::string joinedLines(const LogEntries& entries, char separator) {
+    std::string out;
+    for (const LogEntry& entry : entries) {
+        appendSerialized(out, entry, separator);
+        out.push_back('\n');
+    }
+    return out;
+}
+
 } // namespace
 
 LogEntry::LogEntry(std::string dateTime, std::string appName, std::string logLevel,
@@ -124,17 +143,11 @@ LogEntry::LogEntry(std::string dateTime, std::string appName, std::string logLev
       _message(std::move(message)) {}
 
 std::string LogEntry::serialize() const {
-    std::string out;
-    out.reserve(_dateTime.size() + _appName.size() + _logLevel.size() + _message.size() + 3);
-    appendSerialized(out, *this, '|');
-    return out;
+    return joined(*this, '|');
 }
 
 std::string LogEntry::serializeAsPlainText() const {
-    std::string out;
-    out.reserve(_dateTime.size() + _appName.size() + _logLevel.size() + _message.size() + 3);
-    appendSerialized(out, *this, ' ');
-    return out;
+    return joined(*this, ' ');
 }
 
 void LogEntry::deserialize(std::string& line) {
@@ -193,11 +206,7 @@ void Logger::flush() {
 }
 
 void Logger::flushLocked() {
-    std::string batch;
-    for (const LogEntry& entry : _logEntries) {
-        appendSerialized(batch, entry, '|');
-        batch.push_back('\n');
-    }
+    const std::string batch = joinedLines(_logEntries, '|');
     // Entries are dropped even when the file cannot be written: nothing waits forever.
     _logEntries.clear();
     // Opened also with nothing to write, so that every flush creates a missing file.
@@ -258,21 +267,11 @@ void Logger::clear() {
 }
 
 std::string Logger::getSerializedLogContents() {
-    std::string out;
-    for (const LogEntry& entry : getLogEntries()) {
-        appendSerialized(out, entry, '|');
-        out.push_back('\n');
-    }
-    return out;
+    return joinedLines(getLogEntries(), '|');
 }
 
 std::string Logger::getPlainLogContents() {
-    std::string out;
-    for (const LogEntry& entry : getLogEntries()) {
-        appendSerialized(out, entry, ' ');
-        out.push_back('\n');
-    }
-    return out;
+    return joinedLines(getLogEntries(), ' ');
 }
 
 LogEntries Logger::getLogEntries() {
