@@ -1,5 +1,7 @@
 #include "ArchiveRecord.h"
 
+#include "LocalTime.h"
+
 #include <iomanip>
 #include <sstream>
 
@@ -36,18 +38,7 @@ std::string ArchiveRecord::getCurrentDateTime() {
 }
 
 std::string ArchiveRecord::timeToString(std::time_t epochTime, const std::string& timeFormat) {
-    std::tm local{};
-    if (localtime_r(&epochTime, &local) == nullptr) {
-        return std::string();
-    }
-    char buffer[80];
-    // The format is the caller's by design; strftime takes no further arguments, so a foreign
-    // format can only produce text, never read memory.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-nonliteral"
-    const std::size_t length = std::strftime(buffer, sizeof(buffer), timeFormat.c_str(), &local);
-#pragma GCC diagnostic pop
-    return std::string(buffer, length);
+    return detail::formatLocalTime(epochTime, timeFormat.c_str());
 }
 
 std::time_t ArchiveRecord::stringToTime(const std::string& dateTime,

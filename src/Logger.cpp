@@ -1,5 +1,7 @@
 #include "Logger.h"
 
+#include "LocalTime.h"
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <syslog.h>
@@ -322,13 +324,7 @@ std::string Logger::getCurrentDateTime() {
 }
 
 std::string Logger::timeToString(std::time_t epochTime) {
-    std::tm local{};
-    if (localtime_r(&epochTime, &local) == nullptr) {
-        return std::string();
-    }
-    char buffer[80];
-    const std::size_t length = std::strftime(buffer, sizeof(buffer), "%Y-%m-%d %H:%M:%S", &local);
-    return std::string(buffer, length);
+    return detail::formatLocalTime(epochTime, "%Y-%m-%d %H:%M:%S");
 }
 
 void Logger::addLogEntry(LogLevel logLevel, const std::string& message) {
