@@ -11,34 +11,32 @@ namespace Ombrel {
 
 namespace {
 
-const char* armPositionWord(ArmPosition armPosition) {
-    switch (armPosition) {
-    case ArmPosition::Up:
-        return "Up";
-    case ArmPosition::Out:
-        return "Out";
-    case ArmPosition::Down:
-        return "Down";
-    case ArmPosition::In:
-        return "In";
-    case ArmPosition::Ignore:
-        return "Ignore";
-    case ArmPosition::Unknown:
-        break;
-    }
-    return "Unknown";
-}
+// A member's localization key and its fixed English word.
+struct Word {
+    const char* key;
+    const char* english;
+};
 
-const char* logicalOperationWord(LogicalOperation logicalOperation) {
-    switch (logicalOperation) {
-    case LogicalOperation::And:
-        return "And";
-    case LogicalOperation::Or:
-        return "Or";
-    case LogicalOperation::Unknown:
-        break;
-    }
-    return "";
+// Aggression to LyingDown, by value.
+constexpr Word kActionWords[] = {
+    {"actions.names.aggression", "Aggression"}, {"actions.names.running", "Running"},
+    {"actions.names.sitting", "Sitting"},       {"actions.names.standing", "Standing"},
+    {"actions.names.walking", "Walking"},       {"actions.names.lyingDown", "Lying Down"}};
+// Up to Ignore, by value.
+constexpr Word kArmPositionWords[] = {{"actions.directions.up", "Up"},
+                                      {"actions.directions.out", "Out"},
+                                      {"actions.directions.down", "Down"},
+                                      {"actions.directions.in", "In"},
+                                      {"actions.directions.ignore", "Ignore"}};
+// And and Or, by value.
+constexpr Word kLogicalOperationWords[] = {{"actions.operators.and", "And"},
+                                           {"actions.operators.or", "Or"}};
+
+// The word of an enumeration value, or null for Unknown and values outside the table.
+template <typename Enum, std::size_t N>
+const Word* wordOf(Enum value, const Word (&words)[N]) {
+    const auto index = static_cast<long long>(value);
+    return index >= 0 && index < static_cast<long long>(N) ? &words[index] : nullptr;
 }
 
 std::string joinArmsParts(const std::string& title, const std::string& left,
@@ -50,81 +48,38 @@ std::string joinArmsParts(const std::string& title, const std::string& left,
     return os.str();
 }
 
+const char* englishWord(ArmPosition armPosition) {
+    const Word* word = wordOf(armPosition, kArmPositionWords);
+    return word != nullptr ? word->english : "Unknown";
+}
+
+const char* englishWord(LogicalOperation logicalOperation) {
+    const Word* word = wordOf(logicalOperation, kLogicalOperationWords);
+    return word != nullptr ? word->english : "";
+}
+
 } // namespace
 
 std::string toString(Actions action) {
-    switch (action) {
-    case Actions::Aggression:
-        return "Aggression";
-    case Actions::Running:
-        return "Running";
-    case Actions::Sitting:
-        return "Sitting";
-    case Actions::Standing:
-        return "Standing";
-    case Actions::Walking:
-        return "Walking";
-    case Actions::LyingDown:
-        return "Lying Down";
-    case Actions::Unknown:
-        return "Unknown";
-    case Actions::Loitering:
-    case Actions::ArmsPosition:
-        break;
+    if (const Word* word = wordOf(action, kActionWords)) {
+        return word->english;
     }
-    return "Unknown other";
+    return action == Actions::Unknown ? "Unknown" : "Unknown other";
 }
 
 std::string toLocalizedString(Actions action) {
-    switch (action) {
-    case Actions::Aggression:
-        return Localization::getString("actions.names.aggression");
-    case Actions::Running:
-        return Localization::getString("actions.names.running");
-    case Actions::Sitting:
-        return Localization::getString("actions.names.sitting");
-    case Actions::Standing:
-        return Localization::getString("actions.names.standing");
-    case Actions::Walking:
-        return Localization::getString("actions.names.walking");
-    case Actions::LyingDown:
-        return Localization::getString("actions.names.lyingDown");
-    case Actions::Loitering:
-    case Actions::ArmsPosition:
-    case Actions::Unknown:
-        break;
-    }
-    return Localization::getString("actions.names.unknown");
+    const Word* word = wordOf(action, kActionWords);
+    return Localization::getString(word != nullptr ? word->key : "actions.names.unknown");
 }
 
 std::string toLocalizedString(ArmPosition armPosition) {
-    switch (armPosition) {
-    case ArmPosition::Up:
-        return Localization::getString("actions.directions.up");
-    case ArmPosition::Out:
-        return Localization::getString("actions.directions.out");
-    case ArmPosition::Down:
-        return Localization::getString("actions.directions.down");
-    case ArmPosition::In:
-        return Localization::getString("actions.directions.in");
-    case ArmPosition::Ignore:
-        return Localization::getString("actions.directions.ignore");
-    case ArmPosition::Unknown:
-        break;
-    }
-    return "Unknown";
+    const Word* word = wordOf(armPosition, kArmPositionWords);
+    return word != nullptr ? Localization::getString(word->key) : "Unknown";
 }
 
 std::string toLocalizedString(LogicalOperation logicalOperation) {
-    switch (logicalOperation) {
-    case LogicalOperation::And:
-        return Localization::getString("actions.operators.and");
-    case LogicalOperation::Or:
-        return Localization::getString("actions.operators.or");
-    case LogicalOperation::Unknown:
-        break;
-    }
-    return std::string();
+    const Word* word = wordOf(logicalOperation, kLogicalOperationWords);
+    return word != nullptr ? Localization::getString(word->key) : std::string();
 }
 
 std::string ArmsAction::getLocalizedArmsActionString() const {
@@ -135,8 +90,8 @@ std::string ArmsAction::getLocalizedArmsActionString() const {
 }
 
 std::string ArmsAction::getArmsActionString() const {
-    return joinArmsParts("Arms:", "Left", armPositionWord(leftArm), logicalOperationWord(logical),
-                         "Right", armPositionWord(rightArm));
+    return joinArmsParts("Arms:", "Left", englishWord(leftArm), englishWord(logical), "Right",
+                         englishWord(rightArm));
 }
 
 std::string ArmsAction::serialize() const {
