@@ -56,7 +56,7 @@ public:
     // activity; no change gives (Exterior, None).
     EntranceInfo updateLocationMap(int findingID, EntranceLocation currentLocation);
 
-    // Denormalizes the three areas with resolution and sets them with their flags.
+    // Replaces the three areas, denormalized with resolution, with their flags. Always true.
     bool loadFromNormalized(const FEntrances& entrances, const Resolution& resolution);
 
 private:

@@ -51,6 +51,7 @@ public:
     // a smaller count replaces that many areas and keeps the rest. No log line.
     bool deserialize(std::istream& iss, const Resolution& resolution);
 
+    // Replaces the three areas, denormalized with resolution, with their flags. Always true.
     bool loadFromNormalized(const FExclusions& exclusions, const Resolution& resolution);
     FExclusions getNormalizedExclusions(const Resolution& resolution) const;
 

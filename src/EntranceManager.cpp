@@ -78,12 +78,8 @@ EntranceInfo EntranceManager::updateLocationMap(int findingID, EntranceLocation 
 
 bool EntranceManager::loadFromNormalized(const FEntrances& entrances,
                                          const Resolution& resolution) {
-    for (int i = 0; i < MAX_ENTRANCES; ++i) {
-        const IActivablePolygon entrance =
-            denormalize(entrances[static_cast<std::size_t>(i)], resolution);
-        if (!setEntrance(i, entrance.isActive(), entrance)) {
-            return false;
-        }
+    for (std::size_t i = 0; i < entrances.size(); ++i) {
+        _entrances[i] = denormalize(entrances[i], resolution);
     }
     return true;
 }

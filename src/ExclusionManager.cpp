@@ -6,8 +6,16 @@ namespace Ombrel {
 
 namespace {
 
-constexpr ExclusionLocation kExclusionLocations[] = {
-    ExclusionLocation::Exclusion0, ExclusionLocation::Exclusion1, ExclusionLocation::Exclusion2};
+// The first exclusion, in index order, that contains probe (a point or a whole box).
+template <typename Probe>
+ExclusionLocation firstContaining(const Exclusions& exclusions, const Probe& probe) {
+    for (std::size_t i = 0; i < exclusions.size(); ++i) {
+        if (exclusions[i].contains(probe)) {
+            return ValidExclusions[i];
+        }
+    }
+    return ExclusionLocation::Exterior;
+}
 
 } // namespace
 
@@ -40,21 +48,11 @@ bool ExclusionManager::setExclusion(int index, const Exclusion& exclusion) {
 }
 
 ExclusionLocation ExclusionManager::getLocation(const FRectangle& box) const {
-    for (std::size_t i = 0; i < _exclusions.size(); ++i) {
-        if (_exclusions[i].contains(box)) {
-            return kExclusionLocations[i];
-        }
-    }
-    return ExclusionLocation::Exterior;
+    return firstContaining(_exclusions, box);
 }
 
 ExclusionLocation ExclusionManager::getLocation(const FPoint& point) const {
-    for (std::size_t i = 0; i < _exclusions.size(); ++i) {
-        if (_exclusions[i].contains(point)) {
-            return kExclusionLocations[i];
-        }
-    }
-    return ExclusionLocation::Exterior;
+    return firstContaining(_exclusions, point);
 }
 
 const Exclusion& ExclusionManager::getExclusion(int index) const {
@@ -79,8 +77,7 @@ bool ExclusionManager::deserialize(std::istream& iss, const Resolution& resoluti
     for (int i = 0; i < nExclusions; ++i) {
         FExclusion exclusion;
         iss >> exclusion;
-        const IActivablePolygon pixels = denormalize(exclusion, resolution);
-        if (!setExclusion(i, pixels.isActive(), pixels)) {
+        if (!setExclusion(i, denormalize(exclusion, resolution))) {
             return false;
         }
     }
@@ -89,13 +86,7 @@ bool ExclusionManager::deserialize(std::istream& iss, const Resolution& resoluti
 
 bool ExclusionManager::loadFromNormalized(const FExclusions& exclusions,
                                           const Resolution& resolution) {
-    for (int i = 0; i < MAX_EXCLUSIONS; ++i) {
-        const IActivablePolygon pixels =
-            denormalize(exclusions[static_cast<std::size_t>(i)], resolution);
-        if (!setExclusion(i, pixels.isActive(), pixels)) {
-            return false;
-        }
-    }
+    _exclusions = denormalize(exclusions, resolution);
     return true;
 }
 
