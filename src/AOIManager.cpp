@@ -6,6 +6,15 @@
 
 namespace Ombrel {
 
+namespace {
+
+// The vertex counts of the scalar area constructors: 4, 6 or 8.
+bool isControlPointCount(long long n) {
+    return n == 4 || n == 6 || n == 8;
+}
+
+} // namespace
+
 AOIManager::AOIManager(int nAOIs)
     : _aois(nAOIs > 0 ? static_cast<std::size_t>(nAOIs) : 0U), _nControlPoints(4) {}
 
@@ -92,7 +101,7 @@ unsigned int AOIManager::getNControlPoints() const {
 }
 
 bool AOIManager::setNControlPoints(unsigned int nControlPoints) {
-    if (nControlPoints != 4 && nControlPoints != 6 && nControlPoints != 8) {
+    if (!isControlPointCount(nControlPoints)) {
         return false;
     }
     _nControlPoints = static_cast<int>(nControlPoints);
@@ -128,7 +137,7 @@ std::string AOIManager::serialize(const Resolution& resolution) const {
 
 bool AOIManager::deserialize(std::istream& iss, const Resolution& resolution) {
     iss >> _nControlPoints;
-    if (_nControlPoints != 4 && _nControlPoints != 6 && _nControlPoints != 8) {
+    if (!isControlPointCount(_nControlPoints)) {
         g_stemlibLogger.error("deserialize: Invalid number of control points: " +
                               std::to_string(_nControlPoints));
         _nControlPoints = 4;
