@@ -705,24 +705,20 @@ std::string Localization::getLanguage() {
 
 const std::string* Localization::findText(const std::string& key) {
     const Dictionaries& table = dictionaries();
-    const std::string language = s_currentLanguage.load(std::memory_order_acquire);
-    const auto dictionary = table.find(language);
-    if (dictionary != table.end()) {
+    const auto lookUp = [&](const std::string& language) -> const std::string* {
+        const auto dictionary = table.find(language);
+        if (dictionary == table.end()) {
+            return nullptr;
+        }
         const auto text = dictionary->second.find(key);
-        if (text != dictionary->second.end()) {
-            return &text->second;
-        }
+        return text != dictionary->second.end() ? &text->second : nullptr;
+    };
+    const std::string language = s_currentLanguage.load(std::memory_order_acquire);
+    const std::string* text = lookUp(language);
+    if (text == nullptr && language != "en") {
+        text = lookUp("en");
     }
-    if (language != "en") {
-        const auto english = table.find("en");
-        if (english != table.end()) {
-            const auto text = english->second.find(key);
-            if (text != english->second.end()) {
-                return &text->second;
-            }
-        }
-    }
-    return nullptr;
+    return text;
 }
 
 std::string Localization::getString(const std::string& key) {
