@@ -1,5 +1,6 @@
 // Runtime services: the cost of one Logger::info line including its share of the batched
 // writes, side by side with spdlog writing a comparable line to a file, and text lookups.
+#include "../tests/support/ScratchDirectory.h"
 #include "Localization.h"
 #include "Logger.h"
 
@@ -7,64 +8,34 @@
 #include <spdlog/sinks/basic_file_sink.h>
 #include <spdlog/spdlog.h>
 
-#include <cstdlib>
-#include <filesystem>
 #include <string>
 
 using namespace Ombrel;
 
 namespace {
 
-// A fresh directory for one benchmark's log file, removed afterwards.
-class BenchDirectory {
-public:
-    BenchDirectory() {
-        std::string pattern =
-            (std::filesystem::temp_directory_path() / "stemlib-bench-XXXXXX").string();
-        if (::mkdtemp(pattern.data()) != nullptr) {
-            _path = pattern;
-        }
-    }
-    ~BenchDirectory() {
-        std::error_code ignored;
-        std::filesystem::remove_all(_path, ignored);
-    }
-    std::string file(const char* name) const { return (_path / name).string(); }
-
-private:
-    std::filesystem::path _path;
-};
-
 // A typical line of an analysis loop.
 const std::string kMessage = "STEMLIB::detect: 3 persons, 1 in AOI0, inference took 42 ms";
 
-// Default limits: the file is cut back from 2 MiB to 1 MiB whenever it reaches 2 MiB, so the
-// purges' share is part of the figure.
+// With purge:1 the default limits apply: the file is cut back from 2 MiB to 1 MiB whenever it
+// reaches 2 MiB, so the purges' share is part of the figure. With purge:0 the limits are out of
+// reach: the line and batch-write cost alone.
 void BM_LoggerInfo(benchmark::State& state) {
-    BenchDirectory dir;
+    StemlibTest::ScratchDirectory dir;
     Logger logger("bench", dir.file("stemlib.log"));
+    if (state.range(0) == 0) {
+        logger.setSizeLimits(2147483647, 2147483647);
+    }
     for (auto _ : state) {
         logger.info(kMessage);
     }
     state.SetItemsProcessed(state.iterations());
 }
-BENCHMARK(BM_LoggerInfo);
-
-// The same without purging: the line and batch-write cost alone.
-void BM_LoggerInfoNoPurge(benchmark::State& state) {
-    BenchDirectory dir;
-    Logger logger("bench", dir.file("stemlib.log"));
-    logger.setSizeLimits(2147483647, 2147483647);
-    for (auto _ : state) {
-        logger.info(kMessage);
-    }
-    state.SetItemsProcessed(state.iterations());
-}
-BENCHMARK(BM_LoggerInfoNoPurge);
+BENCHMARK(BM_LoggerInfo)->ArgName("purge")->Arg(1)->Arg(0);
 
 // spdlog's thread-safe file sink with the same four fields per line.
 void BM_SpdlogInfo(benchmark::State& state) {
-    BenchDirectory dir;
+    StemlibTest::ScratchDirectory dir;
     auto sink = std::make_shared<spdlog::sinks::basic_file_sink_mt>(dir.file("spdlog.log"), true);
     spdlog::logger logger("bench", sink);
     logger.set_pattern("%Y-%m-%d %H:%M:%S|bench|%l|%v");
