@@ -92,16 +92,13 @@ bool Config::deserializeStream(std::stringstream& s) {
                               ", got: " + std::to_string(versionNumber));
         return false;
     }
+    // From version 2 on a language word follows; a missing one, like an older version, selects
+    // English. A failed extraction leaves the word empty.
+    std::string lang;
     if (versionNumber > 1) {
-        std::string lang;
-        if ((s >> lang) && !lang.empty()) {
-            setLanguage(lang);
-        } else {
-            setLanguage("en");
-        }
-    } else {
-        setLanguage("en");
+        s >> lang;
     }
+    setLanguage(lang.empty() ? "en" : lang);
     return deserializeStream(s, versionNumber);
 }
 
