@@ -6,9 +6,13 @@
 namespace {
 thread_local std::size_t t_allocations = 0;
 
-void* countedAllocate(std::size_t size) {
+void* countedMalloc(std::size_t size) noexcept {
     ++t_allocations;
-    if (void* memory = std::malloc(size == 0 ? 1 : size)) {
+    return std::malloc(size == 0 ? 1 : size);
+}
+
+void* countedAllocate(std::size_t size) {
+    if (void* memory = countedMalloc(size)) {
         return memory;
     }
     throw std::bad_alloc();
@@ -28,12 +32,10 @@ void* operator new[](std::size_t size) {
 // The nothrow forms too (std::stable_sort's temporary buffer uses them): every allocation must
 // pair with the replaced delete below.
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-    ++t_allocations;
-    return std::malloc(size == 0 ? 1 : size);
+    return countedMalloc(size);
 }
 void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
-    ++t_allocations;
-    return std::malloc(size == 0 ? 1 : size);
+    return countedMalloc(size);
 }
 void operator delete(void* memory, const std::nothrow_t&) noexcept {
     std::free(memory);

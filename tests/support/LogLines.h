@@ -4,6 +4,7 @@
 
 #include "RecordingLogger.h"
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -28,12 +29,8 @@ inline std::vector<std::string> linesAt(const RecordingLogger& logger, const std
 // Whether the logger received exactly this library line at this level.
 inline bool hasLine(const RecordingLogger& logger, const std::string& level,
                     const std::string& text) {
-    for (const LoggedLine& line : logger.lines) {
-        if (line.level == level && withoutPrefix(line.message) == text) {
-            return true;
-        }
-    }
-    return false;
+    const std::vector<std::string> lines = linesAt(logger, level);
+    return std::find(lines.begin(), lines.end(), text) != lines.end();
 }
 
 // The library lines, at any level, that start with one of the given function names and ": ".

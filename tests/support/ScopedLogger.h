@@ -4,12 +4,18 @@
 #pragma once
 
 #include "Logger.h"
-#include "LoggerWrapper.h"
+#include "Points.h"
+
+#include <new>
 
 namespace StemlibTest {
 
-// Returns g_stemlibLogger to its state at program start: no logger set.
-void resetStemlibLogger();
+// Returns g_stemlibLogger to its state at program start: no logger set. Ends the global's
+// lifetime and begins a fresh one in the same storage, the only way back to "no logger set".
+inline void resetStemlibLogger() {
+    Ombrel::g_stemlibLogger.~LoggerWrapper();
+    ::new (static_cast<void*>(&Ombrel::g_stemlibLogger)) Ombrel::LoggerWrapper();
+}
 
 class ScopedLogger {
 public:
