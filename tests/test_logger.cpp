@@ -1,7 +1,8 @@
-// The log file: format, batching, purging, reading back, the lossy reader, the system-log twin,
-// the library's route into the file, and logging from several threads at once.
+// The log file and the reporting facade: format, batching, purging, reading back, the lossy
+// reader, the system-log twin, both routes of library lines, and logging from several threads.
 #include "Logger.h"
 #include "Points.h"
+#include "RecordingLogger.h"
 #include "ScopedLogger.h"
 #include "ScratchDirectory.h"
 #include "SyslogCapture.h"
@@ -9,39 +10,50 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <iterator>
 #include <regex>
 #include <sstream>
 #include <thread>
 
 using namespace Ombrel;
 using StemlibTest::readWholeFile;
-using StemlibTest::SyslogCapture;
-using StemlibTest::writeWholeFile;
+using Lines = std::vector<std::string>;
 
 namespace {
 
-std::vector<std::string> splitLines(const std::string& text) {
-    std::vector<std::string> lines;
-    std::istringstream stream(text);
-    for (std::string line; std::getline(stream, line);) {
-        lines.push_back(line);
+const std::string kTenLines = "aaaaaaaaa\nbbbbbbbbb\nccccccccc\nddddddddd\neeeeeeeee\n"
+                              "fffffffff\nggggggggg\nhhhhhhhhh\niiiiiiiii\njjjjjjjjj\n";
+
+// Sends message through each of the facade's six operations in turn.
+void logEverywhere(const std::string& message) {
+    for (auto operation :
+         {&LoggerWrapper::info, &LoggerWrapper::warning, &LoggerWrapper::error,
+          &LoggerWrapper::bareInfo, &LoggerWrapper::bareWarning, &LoggerWrapper::bareError}) {
+        (g_stemlibLogger.*operation)(message);
+    }
+}
+
+// Each system-log record as "<priority> <format> <message>".
+Lines syslogLines(const StemlibTest::SyslogCapture& capture) {
+    Lines lines;
+    for (const StemlibTest::SyslogRecord& record : capture.records()) {
+        lines.push_back(std::to_string(record.priority) + " " + record.format + " " +
+                        record.message);
     }
     return lines;
 }
 
-// Ten lines of nine characters each: 100 bytes.
-std::string tenLines() {
-    std::string text;
-    for (char c = 'a'; c < 'a' + 10; ++c) {
-        text += std::string(9, c) + "\n";
-    }
-    return text;
-}
-
 class LoggerTest : public ::testing::Test {
 protected:
-    std::size_t linesInFile() const { return splitLines(readWholeFile(path)).size(); }
+    // The file's lines without the 19 characters of their time stamp; shorter lines, written by
+    // the test itself, stay whole.
+    Lines fileLines() const {
+        Lines lines;
+        std::istringstream stream(readWholeFile(path));
+        for (std::string line; std::getline(stream, line);) {
+            lines.push_back(line.size() < 19 ? line : line.substr(19));
+        }
+        return lines;
+    }
 
     StemlibTest::ScratchDirectory dir;
     const std::string path = dir.file("app.log");
@@ -49,234 +61,167 @@ protected:
 
 } // namespace
 
-TEST_F(LoggerTest, WritesFourBarSeparatedFieldsBetweenStartAndStopLines) {
+TEST_F(LoggerTest, BatchesInfoAndWritesFourBarSeparatedFieldsBetweenStartAndStopLines) {
     {
         Logger logger("care", path);
-        EXPECT_EQ(linesInFile(), 1u) << "STARTING is written at once";
+        EXPECT_EQ(fileLines(), Lines{"|care|warning|STARTING care"}) << "written at once";
         logger.info("one");
-        logger.info("two");
-        logger.info("three");
-        EXPECT_EQ(linesInFile(), 1u) << "info waits in memory";
-        logger.warning("four");
-        EXPECT_EQ(linesInFile(), 5u) << "warning writes everything waiting, in order";
-        logger.error("five");
+        logger.info("two|x");
+        EXPECT_EQ(fileLines().size(), 1u) << "info waits in memory";
+        logger.warning("three");
+        EXPECT_EQ(fileLines().size(), 4u) << "warning writes everything waiting, in order";
+        StemlibTest::ScopedLogger scope(logger); // library lines, with their prefix
+        g_stemlibLogger.error("f: 50% %s");
     }
-    const std::vector<std::string> lines = splitLines(readWholeFile(path));
-    const char* expected[] = {
-        "warning|STARTING care", "info|one", "info|two", "info|three", "warning|four", "error|five",
-        "warning|STOPPING care"};
-    ASSERT_EQ(lines.size(), std::size(expected));
-    const std::regex stamp(R"(\d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2}\|care\|.*)");
-    for (std::size_t i = 0; i < lines.size(); ++i) {
-        EXPECT_TRUE(std::regex_match(lines[i], stamp)) << lines[i];
-        EXPECT_EQ(lines[i].substr(25), expected[i]);
-    }
-}
-
-TEST_F(LoggerTest, TheHundredAndFirstWaitingEntryFlushesAll) {
+    EXPECT_EQ(fileLines(),
+              (Lines{"|care|warning|STARTING care", "|care|info|one", "|care|info|two|x",
+                     "|care|warning|three", "|care|error|STEMLIB::f: 50% %s",
+                     "|care|warning|STOPPING care"}));
+    EXPECT_TRUE(std::regex_search(readWholeFile(path),
+                                  std::regex(R"(^\d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2}\|)")));
+    std::filesystem::remove(path);
     Logger logger("app", path);
-    for (int i = 0; i < 100; ++i) {
+    for (int i = 0; i <= 100; ++i) {
+        EXPECT_EQ(fileLines().size(), 1u);
         logger.info("line " + std::to_string(i));
     }
-    EXPECT_EQ(linesInFile(), 1u);
-    logger.info("line 100");
-    const std::vector<std::string> lines = splitLines(readWholeFile(path));
-    ASSERT_EQ(lines.size(), 102u);
-    EXPECT_EQ(lines[1].substr(19), "|app|info|line 0");
-    EXPECT_EQ(lines[101].substr(19), "|app|info|line 100");
+    const Lines lines = fileLines();
+    ASSERT_EQ(lines.size(), 102u) << "the 101st waiting entry flushes all";
+    EXPECT_EQ(lines[1] + lines[101], "|app|info|line 0|app|info|line 100");
 }
 
 TEST_F(LoggerTest, ReadsBackThroughTheLossyReader) {
     Logger logger("app", path);
-    logger.info("plain");
     logger.info("first|second|third");
     EXPECT_EQ(logger.getLogEntriesFromFile().size(), 1u) << "does not flush";
-
     const LogEntries entries = logger.getLogEntries();
-    ASSERT_EQ(entries.size(), 3u);
-    EXPECT_EQ(entries[1], LogEntry(entries[1]._dateTime, "app", "info", "plain"));
-    EXPECT_EQ(entries[2]._message, "third") << "only the text behind the last bar survives";
-    EXPECT_EQ(logger.getSerializedLogContents(), entries[0].serialize() + "\n" +
-                                                     entries[1].serialize() + "\n" +
-                                                     entries[2].serialize() + "\n");
-    EXPECT_EQ(splitLines(logger.getPlainLogContents())[1],
-              entries[1]._dateTime + " app info plain");
-
+    ASSERT_EQ(entries.size(), 2u);
+    EXPECT_EQ(entries[1], LogEntry(entries[1]._dateTime, "app", "info", "third"));
+    EXPECT_EQ(logger.getPlainLogContents().substr(entries[0].serialize().size() + 1),
+              entries[1]._dateTime + " app info third\n");
     logger.clear();
     EXPECT_TRUE(logger.getLogEntries().empty());
-    EXPECT_EQ(logger.getLogFileSize(), 0);
     std::filesystem::remove(path);
-    EXPECT_LT(logger.getLogFileSize(), 0);
-    EXPECT_TRUE(logger.getLogEntriesFromFile().empty());
+    EXPECT_TRUE(logger.getLogFileSize() < 0 && logger.getLogEntriesFromFile().empty());
     logger.flush();
     EXPECT_EQ(logger.getLogFileSize(), 0) << "a flush creates the file, also with nothing waiting";
-}
 
-TEST(LogEntry, DeserializeConsumesTheLineAndKeepsOnlyTheLastToken) {
-    const std::pair<std::string, LogEntry> cases[] = {
-        {"d|a|l|m1|m2|tail", LogEntry("d", "a", "l", "tail")},
-        {"date|rest", LogEntry("date", "", "", "rest")},
-        {"just a message", LogEntry("", "", "", "just a message")},
-        {"", LogEntry()},
-        {"a|b|c|", LogEntry("a", "b", "c", "")},
-        {std::string("\0\xff|\x01\n|\x80|\0rest", 13),
-         LogEntry(std::string("\0\xff", 2), "\x01\n", "\x80", std::string("\0rest", 5))},
-    };
-    for (const auto& [text, expected] : cases) {
-        std::string line = text;
-        LogEntry entry;
-        entry.deserialize(line);
-        EXPECT_TRUE(line.empty());
-        EXPECT_EQ(entry, expected) << text;
-    }
+    // Fields up to the third bar, the message behind the last one, the line consumed, any
+    // bytes accepted; fewer bars leave fields empty.
+    std::string line("\0\xff|\x01\n|\x80|m1|\0rest", 16);
+    LogEntry entry;
+    entry.deserialize(line);
+    EXPECT_TRUE(line.empty());
+    EXPECT_EQ(entry,
+              LogEntry(std::string("\0\xff", 2), "\x01\n", "\x80", std::string("\0rest", 5)));
+    LogEntry damaged;
+    damaged.deserialize("date|rest");
+    EXPECT_EQ(damaged, LogEntry("date", "", "", "rest"));
 }
 
 TEST_F(LoggerTest, PurgesAtTheUpperLimitKeepingTheLinesThatCrossTheLowerOne) {
     Logger logger("app", path);
-    logger.setSizeLimits(35, 100);
-    writeWholeFile(path, tenLines().substr(1));
-    logger.flush();
-    EXPECT_EQ(logger.getLogFileSize(), 99) << "below the upper limit";
-
-    // 100 bytes: the last four lines (36 characters without newlines) cross 35 and are kept.
-    writeWholeFile(path, tenLines());
-    logger.flush();
-    EXPECT_EQ(readWholeFile(path), "ggggggggg\nhhhhhhhhh\niiiiiiiii\njjjjjjjjj\n");
-
-    // The two report lines waited in memory and arrive with the next flush (limits raised so
-    // that this flush does not purge again).
-    logger.setSizeLimits(35, 1000);
-    const LogEntries entries = logger.getLogEntries();
-    ASSERT_EQ(entries.size(), 6u);
-    EXPECT_EQ(entries[4]._logLevel, "info");
-    EXPECT_EQ(entries[4]._message, "Purging log file. Initial log file size=100 bytes.");
-    EXPECT_EQ(entries[5]._message, "Purging log file. Final log file size=40 bytes.");
-}
-
-TEST_F(LoggerTest, PurgeEdgesLimitsAndOverlongLines) {
-    Logger logger("app", path);
     const auto purgeOnce = [&](int minSize, int maxSize, const std::string& contents) {
         logger.clear();
         logger.setSizeLimits(minSize, maxSize);
-        writeWholeFile(path, contents);
+        StemlibTest::writeWholeFile(path, contents);
         logger.flush();
         return readWholeFile(path);
     };
-    EXPECT_EQ(purgeOnce(1000, 100, tenLines()), "jjjjjjjjj\n") << "nothing crosses: last line";
-    EXPECT_EQ(purgeOnce(-1, 10, "first line\nlast line without newline"),
-              "last line without newline\n")
-        << "a negative lower limit is a huge one";
-    EXPECT_EQ(purgeOnce(5, -1, tenLines()), tenLines()) << "a negative upper limit: no purge";
-
+    EXPECT_EQ(purgeOnce(36, 100, kTenLines.substr(1)), kTenLines.substr(1)) << "99 < 100";
+    // 100 bytes: the last five lines (45 characters without newlines) are the first to exceed
+    // 36, and are kept. The two report lines wait in memory and arrive with the next flush.
+    purgeOnce(36, 100, kTenLines);
+    logger.setSizeLimits(36, 1000);
+    logger.flush();
+    EXPECT_EQ(fileLines(), (Lines{"fffffffff", "ggggggggg", "hhhhhhhhh", "iiiiiiiii", "jjjjjjjjj",
+                                  "|app|info|Purging log file. Initial log file size=100 bytes.",
+                                  "|app|info|Purging log file. Final log file size=50 bytes."}));
+    EXPECT_EQ(purgeOnce(1000, 100, kTenLines), "jjjjjjjjj\n") << "nothing crosses: last line";
+    EXPECT_EQ(purgeOnce(-1, 10, "first line\nlast line"), "last line\n") << "-1 is a huge limit";
     // A last line longer than the upper limit cannot shrink, so every flush purges again; the
     // second time the line before it carries the sum across and is kept as well.
     const std::string longLine = std::string(30, 'x') + "\n";
     EXPECT_EQ(purgeOnce(5, 10, longLine), longLine);
     logger.flush();
-    const std::vector<std::string> lines = splitLines(readWholeFile(path));
-    ASSERT_EQ(lines.size(), 2u);
-    EXPECT_EQ(lines[0].substr(19), "|app|info|Purging log file. Initial log file size=31 bytes.");
-    EXPECT_EQ(lines[1].substr(19), "|app|info|Purging log file. Final log file size=31 bytes.");
+    EXPECT_EQ(fileLines(), (Lines{"|app|info|Purging log file. Initial log file size=31 bytes.",
+                                  "|app|info|Purging log file. Final log file size=31 bytes."}));
 }
 
-TEST_F(LoggerTest, AFileThatCannotBeOpenedLosesEntriesSilently) {
+TEST_F(LoggerTest, FileProblemsLoseEntriesSilentlyAndSysloggingLoggersSendDataToo) {
+    StemlibTest::SyslogCapture capture;
     for (const std::string& bad : {dir.file("missing/dir/app.log"), dir.path().string()}) {
-        SyslogCapture capture;
         Logger logger("app", bad);
-        logger.info("lost");
-        logger.error("and this");
+        logger.error("lost");
         EXPECT_LT(logger.getLogFileSize(), 0) << bad;
         EXPECT_EQ(logger.getSerializedLogContents(), "");
         logger.clear();
-        EXPECT_TRUE(capture.records().empty()) << "the logger reports nothing of its own";
     }
-}
+    EXPECT_TRUE(capture.records().empty()) << "the logger reports nothing of its own";
 
-TEST_F(LoggerTest, SysloggingLoggerSendsEachLineToSyslogAsDataAndToTheFile) {
-    const std::string hostile = "100%% done %s %n";
-    std::vector<StemlibTest::SyslogRecord> records;
+    const std::string m = "100%% done %s %n";
     {
-        SyslogCapture capture;
         SysloggingLogger logger("app", path);
-        logger.info(hostile);
-        logger.warning("w " + hostile);
-        logger.error("e " + hostile);
-        logger.setSizeLimits(35, 100); // the purge reports reach the system log too
-        writeWholeFile(path, tenLines());
-        logger.flush();
-        logger.setSizeLimits(1 << 20, 1 << 21);
-        records = capture.records();
+        logger.info(m);
+        logger.warning("w " + m);
+        logger.error("e " + m);
     }
-    const std::pair<int, std::string> expected[] = {
-        {6, hostile},
-        {4, "w " + hostile},
-        {3, "e " + hostile},
-        {6, "Purging log file. Initial log file size=100 bytes."},
-        {6, "Purging log file. Final log file size=40 bytes."}};
-    ASSERT_EQ(records.size(), std::size(expected)) << "STARTING and STOPPING reach the file only";
-    for (std::size_t i = 0; i < records.size(); ++i) {
-        EXPECT_EQ(records[i].priority, expected[i].first);
-        EXPECT_EQ(records[i].format, "%s");
-        EXPECT_EQ(records[i].message, expected[i].second);
-    }
-    const std::vector<std::string> lines = splitLines(readWholeFile(path));
-    ASSERT_FALSE(lines.empty());
-    EXPECT_EQ(lines.back().substr(19), "|app|warning|STOPPING app");
-}
-
-TEST_F(LoggerTest, LibraryLinesReachTheFileWithThePrefix) {
-    Logger logger("app", path);
-    {
-        StemlibTest::ScopedLogger scope(logger);
-        g_stemlibLogger.warning("deserialize: bad text");
-        g_stemlibLogger.bareInfo("application line");
-        EXPECT_EQ(linesInFile(), 2u) << "bareInfo waits in memory";
-        g_stemlibLogger.error("f: 50% %s");
-    }
-    const LogEntries entries = logger.getLogEntries();
-    ASSERT_EQ(entries.size(), 4u);
-    EXPECT_EQ(entries[1]._logLevel + entries[1]._message, "warningSTEMLIB::deserialize: bad text");
-    EXPECT_EQ(entries[2]._logLevel + entries[2]._message, "infoapplication line");
-    EXPECT_EQ(entries[3]._logLevel + entries[3]._message, "errorSTEMLIB::f: 50% %s");
+    EXPECT_EQ(syslogLines(capture), (Lines{"6 %s " + m, "4 %s w " + m, "3 %s e " + m}))
+        << "STARTING and STOPPING reach the file only";
+    EXPECT_EQ(fileLines(),
+              (Lines{"|app|warning|STARTING app", "|app|info|" + m, "|app|warning|w " + m,
+                     "|app|error|e " + m, "|app|warning|STOPPING app"}));
 }
 
 TEST_F(LoggerTest, ThreeThreadsLogConcurrentlyAndEveryLineArrivesWholeAndOnce) {
-    constexpr int kThreads = 3;
-    constexpr int kLines = 1500;
     const auto message = [](int t, int i) {
-        return std::to_string(t) + " line " + std::to_string(i) + std::string(40, 'a' + t);
+        return std::to_string(t) + " " + std::to_string(i) + std::string(40, 'a' + t);
     };
     Logger logger("app", path);
     std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t) {
+    for (int t = 0; t < 3; ++t) {
         threads.emplace_back([&, t] {
-            for (int i = 0; i < kLines; ++i) {
-                if (i % 97 == 0) {
-                    logger.warning(message(t, i));
-                    continue;
-                }
+            for (int i = 0; i < 1500; ++i) {
                 if (i % 251 == 0) {
                     logger.getLogEntries(); // reading back while others write
                 }
-                logger.info(message(t, i));
+                i % 97 == 0 ? logger.warning(message(t, i)) : logger.info(message(t, i));
             }
         });
     }
     for (std::thread& thread : threads) {
         thread.join();
     }
-    std::vector<std::vector<std::string>> expected(kThreads);
-    std::vector<std::vector<std::string>> arrived(kThreads);
-    for (int t = 0; t < kThreads; ++t) {
-        for (int i = 0; i < kLines; ++i) {
-            expected[t].push_back(message(t, i));
+    std::vector<int> next(3, 0); // each thread's lines arrive whole, once and in order
+    for (const LogEntry& entry : logger.getLogEntries()) {
+        const auto t = static_cast<std::size_t>(entry._message[0] - '0'); // STARTING aside
+        if (t < 3) {
+            EXPECT_EQ(entry._message, message(static_cast<int>(t), next[t]++));
         }
     }
-    const LogEntries entries = logger.getLogEntries();
-    for (std::size_t n = 1; n < entries.size(); ++n) {
-        const int t = entries[n]._message.empty() ? -1 : entries[n]._message[0] - '0';
-        ASSERT_TRUE(t >= 0 && t < kThreads) << entries[n]._message;
-        arrived[t].push_back(entries[n]._message);
+    EXPECT_EQ(next, std::vector<int>(3, 1500));
+}
+
+TEST(LoggerWrapper, BothRoutesWithTheirPrefixesPrioritiesAndMessagesAsData) {
+    // No logger set: the system log, priorities 6, 4, 3, the message as the argument of "%s".
+    StemlibTest::resetStemlibLogger();
+    StemlibTest::SyslogCapture capture;
+    const std::string m = "100%% done %s %n";
+    logEverywhere(m);
+    EXPECT_EQ(syslogLines(capture),
+              (Lines{"6 %s STEMLIB*::" + m, "4 %s STEMLIB*::" + m, "3 %s STEMLIB*::" + m,
+                     "6 %s " + m, "4 %s " + m, "3 %s " + m}));
+    // A logger set: it gets every line, and the system log none.
+    StemlibTest::RecordingLogger recorder;
+    {
+        StemlibTest::ScopedLogger scope(recorder);
+        logEverywhere("f: x");
     }
-    EXPECT_EQ(arrived, expected) << "each thread's lines arrive whole, once and in order";
+    Lines lines;
+    for (const StemlibTest::LoggedLine& line : recorder.lines) {
+        lines.push_back(line.level + " " + line.message);
+    }
+    EXPECT_EQ(lines, (Lines{"info STEMLIB::f: x", "warning STEMLIB::f: x", "error STEMLIB::f: x",
+                            "info f: x", "warning f: x", "error f: x"}));
+    EXPECT_EQ(capture.records().size(), 6u);
 }
