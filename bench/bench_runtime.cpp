@@ -1,8 +1,8 @@
 // Runtime services: the cost of one Logger::info line including its share of the batched
 // writes, side by side with spdlog writing a comparable line to a file, and text lookups.
-#include "../tests/support/ScratchDirectory.h"
 #include "Localization.h"
 #include "Logger.h"
+#include "ScratchDirectory.h"
 
 #include <benchmark/benchmark.h>
 #include <spdlog/sinks/basic_file_sink.h>
