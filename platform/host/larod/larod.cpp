@@ -39,6 +39,10 @@ namespace {
 
 constexpr std::size_t kLogCapacity = 4096;
 
+constexpr larodErrorCode invalidArgument() {
+    return static_cast<larodErrorCode>(EINVAL);
+}
+
 struct CallLog {
     std::mutex mutex;
     std::deque<std::string> entries;
@@ -49,11 +53,13 @@ CallLog& callLog() {
     return log;
 }
 
-// Records one call when it goes out of scope, with " failed" when fail() was called.
+// One larod call: recorded in the call log when it returns, with " failed" at the end when it
+// failed. The failures below set the caller's error (when it gave one) as the service would.
 class CallRecord {
 public:
-    explicit CallRecord(const char* name, const std::string& detail = std::string())
-        : _entry(detail.empty() ? std::string(name) : std::string(name) + " " + detail) {}
+    CallRecord(const char* name, larodError** error, const std::string& detail = std::string())
+        : _name(name), _error(error),
+          _entry(detail.empty() ? std::string(name) : std::string(name) + " " + detail) {}
     ~CallRecord() {
         CallLog& log = callLog();
         std::lock_guard<std::mutex> lock(log.mutex);
@@ -66,19 +72,33 @@ public:
     CallRecord& operator=(const CallRecord&) = delete;
 
     void setDetail(const std::string& detail) { _entry += " " + detail; }
-    void fail() { _failed = true; }
+
+    void fail(larodErrorCode code, const std::string& message);
+    // True, with the error set, when the host controls asked this call to fail.
+    bool injected(larodErrorCode code) {
+        std::optional<std::string> message = stemlib_host::takeFailure(_name);
+        if (message) {
+            fail(code, *message);
+        }
+        return message.has_value();
+    }
+    // False, with an invalid-argument error, when an argument is missing.
+    bool require(bool present, const char* problem) {
+        if (!present) {
+            fail(invalidArgument(), problem);
+        }
+        return present;
+    }
 
 private:
+    const char* _name;
+    larodError** _error;
     std::string _entry;
     bool _failed = false;
 };
 
 // ---------------------------------------------------------------------------------------------
 // Errors
-
-larodErrorCode invalidArgument() {
-    return static_cast<larodErrorCode>(EINVAL);
-}
 
 void freeError(larodError* error) {
     if (error != nullptr) {
@@ -87,30 +107,21 @@ void freeError(larodError* error) {
     }
 }
 
-void setError(larodError** error, larodErrorCode code, const std::string& message) {
-    if (error == nullptr) {
+void CallRecord::fail(larodErrorCode code, const std::string& message) {
+    _failed = true;
+    if (_error == nullptr) {
         return;
     }
     // An error the caller did not clear is replaced, not leaked.
-    freeError(*error);
-    *error = nullptr;
+    freeError(*_error);
+    *_error = nullptr;
     auto* created = static_cast<larodError*>(std::malloc(sizeof(larodError)));
     if (created == nullptr) {
         return;
     }
     created->code = code;
     created->msg = strdup(message.c_str());
-    *error = created;
-}
-
-// A failure requested through the host controls for this call, reported as the service would.
-bool injectedFailure(const char* call, larodErrorCode code, larodError** error) {
-    std::optional<std::string> message = stemlib_host::takeFailure(call);
-    if (!message) {
-        return false;
-    }
-    setError(error, code, *message);
-    return true;
+    *_error = created;
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -330,6 +341,12 @@ struct larodMap {
 
 namespace {
 
+// The log detail of a release call: "null" for a null handle.
+template <typename Handle>
+std::string nullDetail(Handle* const* handle) {
+    return handle == nullptr || *handle == nullptr ? "null" : "";
+}
+
 std::string tensorLabel(const larodTensor* tensor) {
     return (tensor->role == Role::Input ? "input " : "output ") + std::to_string(tensor->index);
 }
@@ -347,27 +364,27 @@ larodTensor** createTensors(const std::vector<TensorInfo>& infos, Role role,
 }
 
 bool checkTensors(larodTensor** tensors, std::size_t count, const std::vector<TensorInfo>& infos,
-                  const char* what, larodError** error) {
+                  const char* what, CallRecord& record) {
     if (count != infos.size()) {
-        setError(error, LAROD_ERROR_TENSOR_MISMATCH,
-                 std::string("the model has ") + std::to_string(infos.size()) + " " + what +
-                     " tensors, the request " + std::to_string(count));
+        record.fail(LAROD_ERROR_TENSOR_MISMATCH,
+                    std::string("the model has ") + std::to_string(infos.size()) + " " + what +
+                        " tensors, the request " + std::to_string(count));
         return false;
     }
     if (count > 0 && tensors == nullptr) {
-        setError(error, invalidArgument(), std::string("the ") + what + " tensor array is null");
+        record.fail(invalidArgument(), std::string("the ") + what + " tensor array is null");
         return false;
     }
     for (std::size_t i = 0; i < count; ++i) {
         if (tensors[i] == nullptr) {
-            setError(error, invalidArgument(),
-                     std::string(what) + " tensor " + std::to_string(i) + " is null");
+            record.fail(invalidArgument(),
+                        std::string(what) + " tensor " + std::to_string(i) + " is null");
             return false;
         }
         if (!tensors[i]->info.sameShape(infos[i])) {
-            setError(error, LAROD_ERROR_TENSOR_MISMATCH,
-                     std::string(what) + " tensor " + std::to_string(i) +
-                         " does not match the model's type and dimensions");
+            record.fail(LAROD_ERROR_TENSOR_MISMATCH,
+                        std::string(what) + " tensor " + std::to_string(i) +
+                            " does not match the model's type and dimensions");
             return false;
         }
     }
@@ -380,8 +397,7 @@ bool checkTensors(larodTensor** tensors, std::size_t count, const std::vector<Te
 // Errors
 
 extern "C" void larodClearError(larodError** error) {
-    CallRecord record("larodClearError",
-                      error == nullptr || *error == nullptr ? std::string("null") : std::string());
+    CallRecord record("larodClearError", nullptr, nullDetail(error));
     if (error == nullptr || *error == nullptr) {
         return;
     }
@@ -393,14 +409,9 @@ extern "C" void larodClearError(larodError** error) {
 // Connection and devices
 
 extern "C" bool larodConnect(larodConnection** conn, larodError** error) {
-    CallRecord record("larodConnect");
-    if (injectedFailure("larodConnect", LAROD_ERROR_CONNECTION, error)) {
-        record.fail();
-        return false;
-    }
-    if (conn == nullptr) {
-        setError(error, invalidArgument(), "the connection pointer is null");
-        record.fail();
+    CallRecord record("larodConnect", error);
+    if (record.injected(LAROD_ERROR_CONNECTION) ||
+        !record.require(conn != nullptr, "the connection pointer is null")) {
         return false;
     }
     auto connection = std::make_unique<larodConnection>();
@@ -423,33 +434,23 @@ extern "C" bool larodConnect(larodConnection** conn, larodError** error) {
 }
 
 extern "C" bool larodDisconnect(larodConnection** conn, larodError** error) {
-    CallRecord record("larodDisconnect",
-                      conn == nullptr || *conn == nullptr ? std::string("null") : std::string());
+    CallRecord record("larodDisconnect", error, nullDetail(conn));
     if (conn == nullptr || *conn == nullptr) {
         return true;
     }
     // A requested failure is reported, but the connection closes all the same, as it does on a
     // camera whose service has gone away.
-    const bool failed = injectedFailure("larodDisconnect", LAROD_ERROR_CONNECTION, error);
+    const bool failed = record.injected(LAROD_ERROR_CONNECTION);
     delete *conn;
     *conn = nullptr;
-    if (failed) {
-        record.fail();
-        return false;
-    }
-    return true;
+    return !failed;
 }
 
 extern "C" const larodDevice** larodListDevices(larodConnection* conn, size_t* numDevices,
                                                 larodError** error) {
-    CallRecord record("larodListDevices");
-    if (injectedFailure("larodListDevices", LAROD_ERROR_CONNECTION, error)) {
-        record.fail();
-        return nullptr;
-    }
-    if (conn == nullptr) {
-        setError(error, invalidArgument(), "the connection is null");
-        record.fail();
+    CallRecord record("larodListDevices", error);
+    if (record.injected(LAROD_ERROR_CONNECTION) ||
+        !record.require(conn != nullptr, "the connection is null")) {
         return nullptr;
     }
     if (numDevices != nullptr) {
@@ -460,14 +461,10 @@ extern "C" const larodDevice** larodListDevices(larodConnection* conn, size_t* n
 
 extern "C" const larodDevice* larodGetDevice(const larodConnection* conn, const char* name,
                                              uint32_t instance, larodError** error) {
-    CallRecord record("larodGetDevice", name != nullptr ? name : "null");
-    if (injectedFailure("larodGetDevice", LAROD_ERROR_INVALID_CHIP_ID, error)) {
-        record.fail();
-        return nullptr;
-    }
-    if (conn == nullptr || name == nullptr) {
-        setError(error, invalidArgument(), "the connection or the device name is null");
-        record.fail();
+    CallRecord record("larodGetDevice", error, name != nullptr ? name : "null");
+    if (record.injected(LAROD_ERROR_INVALID_CHIP_ID) ||
+        !record.require(conn != nullptr && name != nullptr,
+                        "the connection or the device name is null")) {
         return nullptr;
     }
     for (const auto& device : conn->devices) {
@@ -475,21 +472,15 @@ extern "C" const larodDevice* larodGetDevice(const larodConnection* conn, const 
             return device.get();
         }
     }
-    setError(error, LAROD_ERROR_INVALID_CHIP_ID,
-             std::string("no device \"") + name + "\" with instance " + std::to_string(instance));
-    record.fail();
+    record.fail(LAROD_ERROR_INVALID_CHIP_ID, std::string("no device \"") + name +
+                                                 "\" with instance " + std::to_string(instance));
     return nullptr;
 }
 
 extern "C" const char* larodGetDeviceName(const larodDevice* dev, larodError** error) {
-    CallRecord record("larodGetDeviceName");
-    if (injectedFailure("larodGetDeviceName", LAROD_ERROR_INVALID_CHIP_ID, error)) {
-        record.fail();
-        return nullptr;
-    }
-    if (dev == nullptr) {
-        setError(error, invalidArgument(), "the device is null");
-        record.fail();
+    CallRecord record("larodGetDeviceName", error);
+    if (record.injected(LAROD_ERROR_INVALID_CHIP_ID) ||
+        !record.require(dev != nullptr, "the device is null")) {
         return nullptr;
     }
     return dev->name.c_str();
@@ -502,21 +493,15 @@ extern "C" larodModel* larodLoadModel(larodConnection* conn, int fd, const larod
                                       larodAccess access, const char* name, const larodMap* params,
                                       larodError** error) {
     (void)params; // the engine takes no model parameters
-    CallRecord record("larodLoadModel", dev != nullptr ? dev->name : std::string("null"));
-    auto fail = [&](larodErrorCode code, const std::string& message) -> larodModel* {
-        setError(error, code, message);
-        record.fail();
+    CallRecord record("larodLoadModel", error, dev != nullptr ? dev->name : std::string("null"));
+    auto fail = [&record](larodErrorCode code, const std::string& message) -> larodModel* {
+        record.fail(code, message);
         return nullptr;
     };
-    if (injectedFailure("larodLoadModel", LAROD_ERROR_LOAD_MODEL, error)) {
-        record.fail();
+    if (record.injected(LAROD_ERROR_LOAD_MODEL) ||
+        !record.require(conn != nullptr, "the connection is null") ||
+        !record.require(dev != nullptr, "no device given")) {
         return nullptr;
-    }
-    if (conn == nullptr) {
-        return fail(invalidArgument(), "the connection is null");
-    }
-    if (dev == nullptr) {
-        return fail(invalidArgument(), "no device given");
     }
     if (!conn->owns(dev)) {
         return fail(LAROD_ERROR_INVALID_CHIP_ID, "the device does not belong to this connection");
@@ -588,31 +573,25 @@ extern "C" larodModel* larodLoadModel(larodConnection* conn, int fd, const larod
 }
 
 extern "C" bool larodDeleteModel(larodConnection* conn, larodModel* model, larodError** error) {
-    CallRecord record("larodDeleteModel", model == nullptr ? std::string("null") : std::string());
+    CallRecord record("larodDeleteModel", error,
+                      model == nullptr ? std::string("null") : std::string());
     if (model == nullptr) {
         return true;
     }
-    if (injectedFailure("larodDeleteModel", LAROD_ERROR_DELETE_MODEL, error)) {
-        record.fail();
-        return false;
-    }
-    if (conn == nullptr) {
-        setError(error, invalidArgument(), "the connection is null");
-        record.fail();
+    if (record.injected(LAROD_ERROR_DELETE_MODEL) ||
+        !record.require(conn != nullptr, "the connection is null")) {
         return false;
     }
     if (conn->models.erase(model->id) == 0) {
-        setError(error, LAROD_ERROR_MODEL_NOT_FOUND,
-                 "model \"" + model->name + "\" is not loaded on this connection");
-        record.fail();
+        record.fail(LAROD_ERROR_MODEL_NOT_FOUND,
+                    "model \"" + model->name + "\" is not loaded on this connection");
         return false;
     }
     return true;
 }
 
 extern "C" void larodDestroyModel(larodModel** model) {
-    CallRecord record("larodDestroyModel",
-                      model == nullptr || *model == nullptr ? std::string("null") : std::string());
+    CallRecord record("larodDestroyModel", nullptr, nullDetail(model));
     if (model == nullptr || *model == nullptr) {
         return;
     }
@@ -621,26 +600,18 @@ extern "C" void larodDestroyModel(larodModel** model) {
 }
 
 extern "C" size_t larodGetModelNumInputs(const larodModel* model, larodError** error) {
-    CallRecord record("larodGetModelNumInputs");
-    if (injectedFailure("larodGetModelNumInputs", LAROD_ERROR_MODEL_NOT_FOUND, error) ||
-        model == nullptr) {
-        if (model == nullptr) {
-            setError(error, invalidArgument(), "the model is null");
-        }
-        record.fail();
+    CallRecord record("larodGetModelNumInputs", error);
+    if (record.injected(LAROD_ERROR_MODEL_NOT_FOUND) ||
+        !record.require(model != nullptr, "the model is null")) {
         return 0;
     }
     return model->inputs.size();
 }
 
 extern "C" size_t larodGetModelNumOutputs(const larodModel* model, larodError** error) {
-    CallRecord record("larodGetModelNumOutputs");
-    if (injectedFailure("larodGetModelNumOutputs", LAROD_ERROR_MODEL_NOT_FOUND, error) ||
-        model == nullptr) {
-        if (model == nullptr) {
-            setError(error, invalidArgument(), "the model is null");
-        }
-        record.fail();
+    CallRecord record("larodGetModelNumOutputs", error);
+    if (record.injected(LAROD_ERROR_MODEL_NOT_FOUND) ||
+        !record.require(model != nullptr, "the model is null")) {
         return 0;
     }
     return model->outputs.size();
@@ -651,14 +622,9 @@ extern "C" size_t larodGetModelNumOutputs(const larodModel* model, larodError** 
 
 extern "C" larodTensor** larodCreateModelInputs(const larodModel* model, size_t* numTensors,
                                                 larodError** error) {
-    CallRecord record("larodCreateModelInputs");
-    if (injectedFailure("larodCreateModelInputs", LAROD_ERROR_ALLOC, error)) {
-        record.fail();
-        return nullptr;
-    }
-    if (model == nullptr) {
-        setError(error, invalidArgument(), "the model is null");
-        record.fail();
+    CallRecord record("larodCreateModelInputs", error);
+    if (record.injected(LAROD_ERROR_ALLOC) ||
+        !record.require(model != nullptr, "the model is null")) {
         return nullptr;
     }
     record.setDetail(std::to_string(model->inputs.size()));
@@ -667,14 +633,9 @@ extern "C" larodTensor** larodCreateModelInputs(const larodModel* model, size_t*
 
 extern "C" larodTensor** larodCreateModelOutputs(const larodModel* model, size_t* numTensors,
                                                  larodError** error) {
-    CallRecord record("larodCreateModelOutputs");
-    if (injectedFailure("larodCreateModelOutputs", LAROD_ERROR_ALLOC, error)) {
-        record.fail();
-        return nullptr;
-    }
-    if (model == nullptr) {
-        setError(error, invalidArgument(), "the model is null");
-        record.fail();
+    CallRecord record("larodCreateModelOutputs", error);
+    if (record.injected(LAROD_ERROR_ALLOC) ||
+        !record.require(model != nullptr, "the model is null")) {
         return nullptr;
     }
     record.setDetail(std::to_string(model->outputs.size()));
@@ -684,7 +645,7 @@ extern "C" larodTensor** larodCreateModelOutputs(const larodModel* model, size_t
 extern "C" bool larodDestroyTensors(larodConnection* conn, larodTensor*** tensors,
                                     size_t numTensors, larodError** error) {
     (void)conn; // tensors live on the client side
-    CallRecord record("larodDestroyTensors");
+    CallRecord record("larodDestroyTensors", error);
     if (tensors == nullptr || *tensors == nullptr) {
         record.setDetail("null");
         return true;
@@ -706,27 +667,21 @@ extern "C" bool larodDestroyTensors(larodConnection* conn, larodTensor*** tensor
     }
     record.setDetail(detail);
     // A requested failure is reported, but the tensors are released all the same.
-    const bool failed = injectedFailure("larodDestroyTensors", invalidArgument(), error);
+    const bool failed = record.injected(invalidArgument());
     for (std::size_t i = 0; i < numTensors; ++i) {
         delete array[i];
     }
     delete[] array;
     *tensors = nullptr;
-    if (failed) {
-        record.fail();
-        return false;
-    }
-    return true;
+    return !failed;
 }
 
 extern "C" const larodTensorDims* larodGetTensorDims(const larodTensor* tensor,
                                                      larodError** error) {
-    CallRecord record("larodGetTensorDims", tensor != nullptr ? tensorLabel(tensor) : "null");
-    if (injectedFailure("larodGetTensorDims", invalidArgument(), error) || tensor == nullptr) {
-        if (tensor == nullptr) {
-            setError(error, invalidArgument(), "the tensor is null");
-        }
-        record.fail();
+    CallRecord record("larodGetTensorDims", error,
+                      tensor != nullptr ? tensorLabel(tensor) : "null");
+    if (record.injected(invalidArgument()) ||
+        !record.require(tensor != nullptr, "the tensor is null")) {
         return nullptr;
     }
     return &tensor->info.dims;
@@ -734,12 +689,10 @@ extern "C" const larodTensorDims* larodGetTensorDims(const larodTensor* tensor,
 
 extern "C" const larodTensorPitches* larodGetTensorPitches(const larodTensor* tensor,
                                                            larodError** error) {
-    CallRecord record("larodGetTensorPitches", tensor != nullptr ? tensorLabel(tensor) : "null");
-    if (injectedFailure("larodGetTensorPitches", invalidArgument(), error) || tensor == nullptr) {
-        if (tensor == nullptr) {
-            setError(error, invalidArgument(), "the tensor is null");
-        }
-        record.fail();
+    CallRecord record("larodGetTensorPitches", error,
+                      tensor != nullptr ? tensorLabel(tensor) : "null");
+    if (record.injected(invalidArgument()) ||
+        !record.require(tensor != nullptr, "the tensor is null")) {
         return nullptr;
     }
     return &tensor->info.pitches;
@@ -747,24 +700,20 @@ extern "C" const larodTensorPitches* larodGetTensorPitches(const larodTensor* te
 
 extern "C" larodTensorDataType larodGetTensorDataType(const larodTensor* tensor,
                                                       larodError** error) {
-    CallRecord record("larodGetTensorDataType", tensor != nullptr ? tensorLabel(tensor) : "null");
-    if (injectedFailure("larodGetTensorDataType", invalidArgument(), error) || tensor == nullptr) {
-        if (tensor == nullptr) {
-            setError(error, invalidArgument(), "the tensor is null");
-        }
-        record.fail();
+    CallRecord record("larodGetTensorDataType", error,
+                      tensor != nullptr ? tensorLabel(tensor) : "null");
+    if (record.injected(invalidArgument()) ||
+        !record.require(tensor != nullptr, "the tensor is null")) {
         return LAROD_TENSOR_DATA_TYPE_INVALID;
     }
     return tensor->info.dataType;
 }
 
 extern "C" larodTensorLayout larodGetTensorLayout(const larodTensor* tensor, larodError** error) {
-    CallRecord record("larodGetTensorLayout", tensor != nullptr ? tensorLabel(tensor) : "null");
-    if (injectedFailure("larodGetTensorLayout", invalidArgument(), error) || tensor == nullptr) {
-        if (tensor == nullptr) {
-            setError(error, invalidArgument(), "the tensor is null");
-        }
-        record.fail();
+    CallRecord record("larodGetTensorLayout", error,
+                      tensor != nullptr ? tensorLabel(tensor) : "null");
+    if (record.injected(invalidArgument()) ||
+        !record.require(tensor != nullptr, "the tensor is null")) {
         return LAROD_TENSOR_LAYOUT_INVALID;
     }
     return tensor->info.layout;
@@ -772,14 +721,11 @@ extern "C" larodTensorLayout larodGetTensorLayout(const larodTensor* tensor, lar
 
 extern "C" bool larodGetTensorByteSize(const larodTensor* tensor, size_t* byteSize,
                                        larodError** error) {
-    CallRecord record("larodGetTensorByteSize", tensor != nullptr ? tensorLabel(tensor) : "null");
-    if (injectedFailure("larodGetTensorByteSize", invalidArgument(), error)) {
-        record.fail();
-        return false;
-    }
-    if (tensor == nullptr || byteSize == nullptr) {
-        setError(error, invalidArgument(), "the tensor or the size pointer is null");
-        record.fail();
+    CallRecord record("larodGetTensorByteSize", error,
+                      tensor != nullptr ? tensorLabel(tensor) : "null");
+    if (record.injected(invalidArgument()) ||
+        !record.require(tensor != nullptr && byteSize != nullptr,
+                        "the tensor or the size pointer is null")) {
         return false;
     }
     *byteSize = tensor->info.byteSize;
@@ -787,19 +733,13 @@ extern "C" bool larodGetTensorByteSize(const larodTensor* tensor, size_t* byteSi
 }
 
 extern "C" bool larodSetTensorFd(larodTensor* tensor, int fd, larodError** error) {
-    CallRecord record("larodSetTensorFd", tensor != nullptr ? tensorLabel(tensor) : "null");
-    if (injectedFailure("larodSetTensorFd", LAROD_ERROR_FD, error)) {
-        record.fail();
-        return false;
-    }
-    if (tensor == nullptr) {
-        setError(error, invalidArgument(), "the tensor is null");
-        record.fail();
+    CallRecord record("larodSetTensorFd", error, tensor != nullptr ? tensorLabel(tensor) : "null");
+    if (record.injected(LAROD_ERROR_FD) ||
+        !record.require(tensor != nullptr, "the tensor is null")) {
         return false;
     }
     if (fd < 0) {
-        setError(error, LAROD_ERROR_FD, "invalid file descriptor " + std::to_string(fd));
-        record.fail();
+        record.fail(LAROD_ERROR_FD, "invalid file descriptor " + std::to_string(fd));
         return false;
     }
     tensor->fd = fd;
@@ -807,12 +747,9 @@ extern "C" bool larodSetTensorFd(larodTensor* tensor, int fd, larodError** error
 }
 
 extern "C" int larodGetTensorFd(const larodTensor* tensor, larodError** error) {
-    CallRecord record("larodGetTensorFd", tensor != nullptr ? tensorLabel(tensor) : "null");
-    if (injectedFailure("larodGetTensorFd", LAROD_ERROR_FD, error) || tensor == nullptr) {
-        if (tensor == nullptr) {
-            setError(error, invalidArgument(), "the tensor is null");
-        }
-        record.fail();
+    CallRecord record("larodGetTensorFd", error, tensor != nullptr ? tensorLabel(tensor) : "null");
+    if (record.injected(LAROD_ERROR_FD) ||
+        !record.require(tensor != nullptr, "the tensor is null")) {
         return LAROD_INVALID_FD;
     }
     return tensor->fd;
@@ -822,17 +759,15 @@ extern "C" int larodGetTensorFd(const larodTensor* tensor, larodError** error) {
 // Parameter maps
 
 extern "C" larodMap* larodCreateMap(larodError** error) {
-    CallRecord record("larodCreateMap");
-    if (injectedFailure("larodCreateMap", LAROD_ERROR_ALLOC, error)) {
-        record.fail();
+    CallRecord record("larodCreateMap", error);
+    if (record.injected(LAROD_ERROR_ALLOC)) {
         return nullptr;
     }
     return new larodMap();
 }
 
 extern "C" void larodDestroyMap(larodMap** map) {
-    CallRecord record("larodDestroyMap",
-                      map == nullptr || *map == nullptr ? std::string("null") : std::string());
+    CallRecord record("larodDestroyMap", nullptr, nullDetail(map));
     if (map == nullptr || *map == nullptr) {
         return;
     }
@@ -842,14 +777,10 @@ extern "C" void larodDestroyMap(larodMap** map) {
 
 extern "C" bool larodMapSetStr(larodMap* map, const char* key, const char* value,
                                larodError** error) {
-    CallRecord record("larodMapSetStr", key != nullptr ? key : "null");
-    if (injectedFailure("larodMapSetStr", invalidArgument(), error)) {
-        record.fail();
-        return false;
-    }
-    if (map == nullptr || key == nullptr || value == nullptr) {
-        setError(error, invalidArgument(), "the map, key or value is null");
-        record.fail();
+    CallRecord record("larodMapSetStr", error, key != nullptr ? key : "null");
+    if (record.injected(invalidArgument()) ||
+        !record.require(map != nullptr && key != nullptr && value != nullptr,
+                        "the map, key or value is null")) {
         return false;
     }
     map->integers.erase(key);
@@ -858,14 +789,9 @@ extern "C" bool larodMapSetStr(larodMap* map, const char* key, const char* value
 }
 
 extern "C" bool larodMapSetInt(larodMap* map, const char* key, int64_t value, larodError** error) {
-    CallRecord record("larodMapSetInt", key != nullptr ? key : "null");
-    if (injectedFailure("larodMapSetInt", invalidArgument(), error)) {
-        record.fail();
-        return false;
-    }
-    if (map == nullptr || key == nullptr) {
-        setError(error, invalidArgument(), "the map or key is null");
-        record.fail();
+    CallRecord record("larodMapSetInt", error, key != nullptr ? key : "null");
+    if (record.injected(invalidArgument()) ||
+        !record.require(map != nullptr && key != nullptr, "the map or key is null")) {
         return false;
     }
     map->strings.erase(key);
@@ -881,19 +807,11 @@ extern "C" larodJobRequest* larodCreateJobRequest(const larodModel* model,
                                                   larodTensor** outputTensors, size_t numOutputs,
                                                   larodMap* params, larodError** error) {
     (void)params; // the engine takes no job parameters
-    CallRecord record("larodCreateJobRequest");
-    if (injectedFailure("larodCreateJobRequest", LAROD_ERROR_ALLOC, error)) {
-        record.fail();
-        return nullptr;
-    }
-    if (model == nullptr) {
-        setError(error, invalidArgument(), "the model is null");
-        record.fail();
-        return nullptr;
-    }
-    if (!checkTensors(inputTensors, numInputs, model->inputs, "input", error) ||
-        !checkTensors(outputTensors, numOutputs, model->outputs, "output", error)) {
-        record.fail();
+    CallRecord record("larodCreateJobRequest", error);
+    if (record.injected(LAROD_ERROR_ALLOC) ||
+        !record.require(model != nullptr, "the model is null") ||
+        !checkTensors(inputTensors, numInputs, model->inputs, "input", record) ||
+        !checkTensors(outputTensors, numOutputs, model->outputs, "output", record)) {
         return nullptr;
     }
     auto request = std::make_unique<larodJobRequest>();
@@ -908,9 +826,7 @@ extern "C" larodJobRequest* larodCreateJobRequest(const larodModel* model,
 }
 
 extern "C" void larodDestroyJobRequest(larodJobRequest** jobReq) {
-    CallRecord record("larodDestroyJobRequest", jobReq == nullptr || *jobReq == nullptr
-                                                    ? std::string("null")
-                                                    : std::string());
+    CallRecord record("larodDestroyJobRequest", nullptr, nullDetail(jobReq));
     if (jobReq == nullptr || *jobReq == nullptr) {
         return;
     }
@@ -969,18 +885,15 @@ bool writeOutput(int fd, const void* data, std::size_t size, std::string& proble
 
 extern "C" bool larodRunJob(larodConnection* conn, const larodJobRequest* jobReq,
                             larodError** error) {
-    CallRecord record("larodRunJob");
-    auto fail = [&](larodErrorCode code, const std::string& message) {
-        setError(error, code, message);
-        record.fail();
+    CallRecord record("larodRunJob", error);
+    auto fail = [&record](larodErrorCode code, const std::string& message) {
+        record.fail(code, message);
         return false;
     };
-    if (injectedFailure("larodRunJob", LAROD_ERROR_JOB, error)) {
-        record.fail();
+    if (record.injected(LAROD_ERROR_JOB) ||
+        !record.require(conn != nullptr && jobReq != nullptr,
+                        "the connection or the job request is null")) {
         return false;
-    }
-    if (conn == nullptr || jobReq == nullptr) {
-        return fail(invalidArgument(), "the connection or the job request is null");
     }
     const auto found = conn->models.find(jobReq->modelId);
     if (found == conn->models.end()) {
