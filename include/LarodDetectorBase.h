@@ -19,6 +19,7 @@
 #include "MemoryMappedFile.h"
 
 #include <cstddef>
+#include <initializer_list>
 #include <memory>
 #include <string>
 
@@ -74,6 +75,13 @@ protected:
     // concrete detector binds.
     void requireTensors(std::size_t numInputs, std::size_t numOutputs,
                         const std::string& detectorName) const;
+    // One inference on a frame of the source: the frame of _inputResolution straight into the
+    // input file, the output files rewound in the order given (the service writes at each
+    // descriptor's position), then the job. False after one error line under "detect" when the
+    // model is not initialized, no frame comes or the job fails.
+    bool runJobOnFrame(ImageFrameSource& imageFrameSource,
+                       const std::unique_ptr<MemoryMappedFile>& inputFile,
+                       std::initializer_list<MemoryMappedFile*> outputFiles);
 
     std::string _deviceName;
     larodConnection* _larodConnection;

@@ -1,7 +1,5 @@
 #include "Bodypix_320W_240H_PoseDetector.h"
 
-#include "ImageFrameSource.h"
-#include "LarodSession.h"
 #include "PoseDecoding.h"
 
 #include <algorithm>
@@ -83,24 +81,12 @@ Bodypix_320W_240H_PoseDetector::detect(ImageFrameSource& imageFrameSource) {
 Bodypix_320W_240H_PoseDetector::Detections
 Bodypix_320W_240H_PoseDetector::detect(ImageFrameSource& imageFrameSource,
                                        const IRectangle& denormalizationBoundingBox) {
-    if (!_PosenetInputImageFile) {
-        g_stemlibLogger.error("detect: The model is not initialized");
-        return Detections();
-    }
-    if (!imageFrameSource.getFrame(_inputResolution, 0,
-                                   static_cast<uint8_t*>(_PosenetInputImageFile->getBuffer()))) {
-        g_stemlibLogger.error("detect: Unable to getFrame");
-        return Detections();
-    }
-    _PosenetOutputDisplacementBackwardsFile->rewind();
-    _PosenetOutputDisplacementForwardsFile->rewind();
-    _PosenetOutputHeatmapsFile->rewind();
-    _PosenetOutputLongOffsetsFile->rewind();
-    _PosenetOutputPartHeatmapsFile->rewind();
-    _PosenetOutputPartOffsetsFile->rewind();
-    _PosenetOutputSegmentsFile->rewind();
-    _PosenetOutputShortOffsetsFile->rewind();
-    if (!detail::runLarodJob(_larodConnection, _larodJobRequest, "detect")) {
+    if (!runJobOnFrame(imageFrameSource, _PosenetInputImageFile,
+                       {_PosenetOutputDisplacementBackwardsFile.get(),
+                        _PosenetOutputDisplacementForwardsFile.get(),
+                        _PosenetOutputHeatmapsFile.get(), _PosenetOutputLongOffsetsFile.get(),
+                        _PosenetOutputPartHeatmapsFile.get(), _PosenetOutputPartOffsetsFile.get(),
+                        _PosenetOutputSegmentsFile.get(), _PosenetOutputShortOffsetsFile.get()})) {
         return Detections();
     }
     _displacementBackwardDequantizer.dequantize(_PosenetOutputDisplacementBackwardsFile,

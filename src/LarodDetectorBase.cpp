@@ -1,5 +1,6 @@
 #include "LarodDetectorBase.h"
 
+#include "ImageFrameSource.h"
 #include "LarodSession.h"
 #include "ObjectDetection.h"
 #include "Points.h"
@@ -208,6 +209,25 @@ void LarodDetectorBase<T>::requireTensors(std::size_t numInputs, std::size_t num
          << ".";
     g_stemlibLogger.error("bindTensorsToFiles: " + text.str());
     throw std::runtime_error(text.str());
+}
+
+template <typename T>
+bool LarodDetectorBase<T>::runJobOnFrame(ImageFrameSource& imageFrameSource,
+                                         const std::unique_ptr<MemoryMappedFile>& inputFile,
+                                         std::initializer_list<MemoryMappedFile*> outputFiles) {
+    if (!inputFile) {
+        g_stemlibLogger.error("detect: The model is not initialized");
+        return false;
+    }
+    if (!imageFrameSource.getFrame(this->_inputResolution, 0,
+                                   static_cast<uint8_t*>(inputFile->getBuffer()))) {
+        g_stemlibLogger.error("detect: Unable to getFrame");
+        return false;
+    }
+    for (MemoryMappedFile* file : outputFiles) {
+        file->rewind();
+    }
+    return detail::runLarodJob(_larodConnection, _larodJobRequest, "detect");
 }
 
 template class LarodDetectorBase<ObjectDetection>;

@@ -1,7 +1,6 @@
 #include "LarodObjectDetector.h"
 
 #include "ImageFrameSource.h"
-#include "LarodSession.h"
 #include "Points.h"
 
 #include <cstdint>
@@ -58,20 +57,9 @@ void LarodObjectDetector::bindTensorsToFiles() {
 }
 
 LarodObjectDetector::Detections LarodObjectDetector::detect(ImageFrameSource& imageFrameSource) {
-    if (!_LarodInputFile) {
-        g_stemlibLogger.error("detect: The model is not initialized");
-        return Detections();
-    }
-    if (!imageFrameSource.getFrame(_inputResolution, 0,
-                                   static_cast<uint8_t*>(_LarodInputFile->getBuffer()))) {
-        g_stemlibLogger.error("detect: Unable to getFrame");
-        return Detections();
-    }
-    _LarodOutputLocationsFile->rewind();
-    _LarodOutputClassesFile->rewind();
-    _LarodOutputScoresFile->rewind();
-    _LarodOutputNumDetectionsFile->rewind();
-    if (!detail::runLarodJob(_larodConnection, _larodJobRequest, "detect")) {
+    if (!runJobOnFrame(imageFrameSource, _LarodInputFile,
+                       {_LarodOutputLocationsFile.get(), _LarodOutputClassesFile.get(),
+                        _LarodOutputScoresFile.get(), _LarodOutputNumDetectionsFile.get()})) {
         return Detections();
     }
 

@@ -1,7 +1,6 @@
 #include "LarodPoseDetector.h"
 
 #include "ImageFrameSource.h"
-#include "LarodSession.h"
 #include "PoseDecoding.h"
 
 namespace Ombrel {
@@ -64,22 +63,10 @@ void LarodPoseDetector::bindTensorsToFiles() {
 }
 
 bool LarodPoseDetector::runAndDecode(ImageFrameSource& imageFrameSource) {
-    if (!_BodypixInputImageFile) {
-        g_stemlibLogger.error("detect: The model is not initialized");
-        return false;
-    }
-    if (!imageFrameSource.getFrame(_inputResolution, 0,
-                                   static_cast<uint8_t*>(_BodypixInputImageFile->getBuffer()))) {
-        g_stemlibLogger.error("detect: Unable to getFrame");
-        return false;
-    }
-    _BodypixOutputHeatmapsFile->rewind();
-    _BodypixOutputShortOffsetsFile->rewind();
-    _BodypixOutputMidOffsetsFile->rewind();
-    _BodypixOutputLongOffsetsFile->rewind();
-    _BodypixOutputSegmentsFile->rewind();
-    _BodypixOutputPartHeatmapsFile->rewind();
-    if (!detail::runLarodJob(_larodConnection, _larodJobRequest, "detect")) {
+    if (!runJobOnFrame(imageFrameSource, _BodypixInputImageFile,
+                       {_BodypixOutputHeatmapsFile.get(), _BodypixOutputShortOffsetsFile.get(),
+                        _BodypixOutputMidOffsetsFile.get(), _BodypixOutputLongOffsetsFile.get(),
+                        _BodypixOutputSegmentsFile.get(), _BodypixOutputPartHeatmapsFile.get()})) {
         return false;
     }
     heatmapDequantizer.dequantize(_BodypixOutputHeatmapsFile, _BodypixOutputHeatmapsDequantized);

@@ -1,7 +1,5 @@
 #include "MovenetPoseDetector.h"
 
-#include "ImageFrameSource.h"
-#include "LarodSession.h"
 #include "PoseDecoding.h"
 
 #include <cstring>
@@ -47,17 +45,7 @@ MovenetPoseDetector::Detections MovenetPoseDetector::detect(ImageFrameSource& im
 MovenetPoseDetector::Detection
 MovenetPoseDetector::detect(ImageFrameSource& imageFrameSource,
                             const IRectangle& denormalizationBoundingBox) {
-    if (!_inputImageFile) {
-        g_stemlibLogger.error("detect: The model is not initialized");
-        return Detection();
-    }
-    if (!imageFrameSource.getFrame(_inputResolution, 0,
-                                   static_cast<uint8_t*>(_inputImageFile->getBuffer()))) {
-        g_stemlibLogger.error("detect: Unable to getFrame");
-        return Detection();
-    }
-    _outputSkeletonFile->rewind();
-    if (!detail::runLarodJob(_larodConnection, _larodJobRequest, "detect")) {
+    if (!runJobOnFrame(imageFrameSource, _inputImageFile, {_outputSkeletonFile.get()})) {
         return Detection();
     }
     return tensorToDetection(denormalizationBoundingBox);

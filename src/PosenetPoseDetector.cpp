@@ -1,7 +1,5 @@
 #include "PosenetPoseDetector.h"
 
-#include "ImageFrameSource.h"
-#include "LarodSession.h"
 #include "PoseDecoding.h"
 
 #include <algorithm>
@@ -67,19 +65,9 @@ PosenetPoseDetector::Detections PosenetPoseDetector::detect(ImageFrameSource& im
 PosenetPoseDetector::Detections
 PosenetPoseDetector::detect(ImageFrameSource& imageFrameSource,
                             const IRectangle& denormalizationBoundingBox) {
-    if (!_PosenetInputImageFile) {
-        g_stemlibLogger.error("detect: The model is not initialized");
-        return Detections();
-    }
-    if (!imageFrameSource.getFrame(_inputResolution, 0,
-                                   static_cast<uint8_t*>(_PosenetInputImageFile->getBuffer()))) {
-        g_stemlibLogger.error("detect: Unable to getFrame");
-        return Detections();
-    }
-    _PosenetOutputMidOffsetsFile->rewind();
-    _PosenetOutputHeatmapsFile->rewind();
-    _PosenetOutputShortOffsetsFile->rewind();
-    if (!detail::runLarodJob(_larodConnection, _larodJobRequest, "detect")) {
+    if (!runJobOnFrame(imageFrameSource, _PosenetInputImageFile,
+                       {_PosenetOutputMidOffsetsFile.get(), _PosenetOutputHeatmapsFile.get(),
+                        _PosenetOutputShortOffsetsFile.get()})) {
         return Detections();
     }
     dequantizeFile(posenetHeatmapDequantizer, _PosenetOutputHeatmapsFile,
