@@ -141,8 +141,7 @@ IPoint Bodypix_320W_240H_PoseDetector::getKeypointLocation(int nPose,
 }
 
 float Bodypix_320W_240H_PoseDetector::getKeypointScore(int nPose, BodypixBodyPart bodyPart) const {
-    return _PoseKeypointScores[static_cast<std::size_t>(nPose) * 17 +
-                               static_cast<std::size_t>(bodyPart)];
+    return detail::keypointScore(_PoseKeypointScores, nPose, bodyPart);
 }
 
 Keypoints Bodypix_320W_240H_PoseDetector::getKeypoints(int nPose) const {

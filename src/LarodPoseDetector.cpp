@@ -123,8 +123,7 @@ IPoint LarodPoseDetector::getKeypointLocation(int nPose, BodypixBodyPart bodyPar
 }
 
 float LarodPoseDetector::getKeypointScore(int nPose, BodypixBodyPart bodyPart) const {
-    return _PoseKeypointScores[static_cast<std::size_t>(nPose) * 17 +
-                               static_cast<std::size_t>(bodyPart)];
+    return detail::keypointScore(_PoseKeypointScores, nPose, bodyPart);
 }
 
 Keypoints LarodPoseDetector::getKeypoints(int nPose) const {

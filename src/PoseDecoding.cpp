@@ -78,13 +78,16 @@ IPoint keypointLocation(const PoseKeypointArray& keypoints, int nPose, BodypixBo
     return IPoint(truncated(keypoints[index + 1]), truncated(keypoints[index]));
 }
 
+float keypointScore(const PoseKeypointScoreArray& keypointScores, int nPose, BodypixBodyPart part) {
+    return keypointScores[static_cast<std::size_t>(nPose) * 17 + static_cast<std::size_t>(part)];
+}
+
 Keypoints poseKeypoints(const PoseKeypointArray& keypoints,
                         const PoseKeypointScoreArray& keypointScores, int nPose) {
     Keypoints result;
     for (BodypixBodyPart part : BodyParts) {
-        result.add(Keypoint(
-            keypointLocation(keypoints, nPose, part), part,
-            keypointScores[static_cast<std::size_t>(nPose) * 17 + static_cast<std::size_t>(part)]));
+        result.add(Keypoint(keypointLocation(keypoints, nPose, part), part,
+                            keypointScore(keypointScores, nPose, part)));
     }
     return result;
 }
@@ -99,17 +102,17 @@ PoseDetections posesToDetections(const PoseKeypointArray& keypoints,
     const float inputHeight = static_cast<float>(inputResolution.height);
     for (int i = 0; i < nPoses; ++i) {
         Keypoints mapped;
-        for (const Keypoint& keypoint : poseKeypoints(keypoints, keypointScores, i)) {
-            IPoint point = keypoint.point;
+        for (BodypixBodyPart part : BodyParts) {
+            IPoint point = keypointLocation(keypoints, i, part);
             if (rectangle != nullptr) {
-                point.x = truncated(static_cast<float>(keypoint.point.x) / inputWidth *
+                point.x = truncated(static_cast<float>(point.x) / inputWidth *
                                         static_cast<float>(rectangle->width) +
                                     static_cast<float>(rectangle->x) + 0.5f);
-                point.y = truncated(static_cast<float>(keypoint.point.y) / inputHeight *
+                point.y = truncated(static_cast<float>(point.y) / inputHeight *
                                         static_cast<float>(rectangle->height) +
                                     static_cast<float>(rectangle->y) + 0.5f);
             }
-            mapped.add(Keypoint(point, keypoint.bodyPart, keypoint.score));
+            mapped.add(Keypoint(point, part, keypointScore(keypointScores, i, part)));
         }
         const Skeleton<BodypixBodyPart> skeleton(mapped);
         detections.emplace_back(skeleton, skeleton.getBoundingBox(), poseScores[i]);

@@ -44,6 +44,7 @@ void decodePoses(const float* heatmaps, const float* shortOffsets, const float* 
                  int height, int width, float confidenceThreshold, const PoseResults& results);
 
 IPoint keypointLocation(const PoseKeypointArray& keypoints, int nPose, BodypixBodyPart part);
+float keypointScore(const PoseKeypointScoreArray& keypointScores, int nPose, BodypixBodyPart part);
 Keypoints poseKeypoints(const PoseKeypointArray& keypoints,
                         const PoseKeypointScoreArray& keypointScores, int nPose);
 

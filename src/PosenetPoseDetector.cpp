@@ -100,8 +100,7 @@ IPoint PosenetPoseDetector::getKeypointLocation(int nPose, BodypixBodyPart bodyP
 }
 
 float PosenetPoseDetector::getKeypointScore(int nPose, BodypixBodyPart bodyPart) const {
-    return _PoseKeypointScores[static_cast<std::size_t>(nPose) * 17 +
-                               static_cast<std::size_t>(bodyPart)];
+    return detail::keypointScore(_PoseKeypointScores, nPose, bodyPart);
 }
 
 Keypoints PosenetPoseDetector::getKeypoints(int nPose) const {
