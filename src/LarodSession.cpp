@@ -55,28 +55,48 @@ void logLarodDevices(larodConnection* connection) {
     }
 }
 
-std::string getDefaultLarodDeviceName(larodConnection* connection) {
+namespace {
+
+// The service's devices for a lookup by functionName; null, after an error line, when the list
+// fails or is empty.
+const larodDevice** listDevices(larodConnection* connection, const std::string& functionName,
+                                std::size_t& numDevices) {
     larodError* error = nullptr;
-    std::size_t numDevices = 0;
     const larodDevice** devices = larodListDevices(connection, &numDevices, &error);
     if (devices == nullptr) {
-        g_stemlibLogger.error("getDefaultDeviceName: Unable to larodListDevices: " +
-                              takeMessage(error));
-        return std::string();
+        g_stemlibLogger.error(functionName + ": Unable to larodListDevices: " + takeMessage(error));
+        return nullptr;
     }
     if (numDevices == 0) {
-        g_stemlibLogger.error("getDefaultDeviceName: No devices found");
+        g_stemlibLogger.error(functionName + ": No devices found");
+        return nullptr;
+    }
+    return devices;
+}
+
+// The device's name; null, after an error line under functionName, when the service gives none.
+const char* nameOf(const larodDevice* device, const std::string& functionName) {
+    larodError* error = nullptr;
+    const char* name = larodGetDeviceName(device, &error);
+    if (name == nullptr) {
+        g_stemlibLogger.error(functionName +
+                              ": Unable to larodGetDeviceName: " + takeMessage(error));
+    }
+    return name;
+}
+
+} // namespace
+
+std::string getDefaultLarodDeviceName(larodConnection* connection) {
+    std::size_t numDevices = 0;
+    const larodDevice** devices = listDevices(connection, "getDefaultDeviceName", numDevices);
+    if (devices == nullptr) {
         return std::string();
     }
     for (std::size_t i = 0; i < numDevices; ++i) {
-        const char* name = larodGetDeviceName(devices[i], &error);
-        if (name == nullptr) {
-            g_stemlibLogger.error("getDefaultDeviceName: Unable to larodGetDeviceName: " +
-                                  takeMessage(error));
-            continue;
-        }
+        const char* name = nameOf(devices[i], "getDefaultDeviceName");
         for (const char* candidate : kDefaultDevices) {
-            if (std::strcmp(name, candidate) == 0) {
+            if (name != nullptr && std::strcmp(name, candidate) == 0) {
                 return name;
             }
         }
@@ -88,25 +108,14 @@ std::string getDefaultLarodDeviceName(larodConnection* connection) {
 
 const larodDevice* getLarodDeviceByName(larodConnection* connection,
                                         const std::string& deviceName) {
-    larodError* error = nullptr;
     std::size_t numDevices = 0;
-    const larodDevice** devices = larodListDevices(connection, &numDevices, &error);
+    const larodDevice** devices = listDevices(connection, "getDeviceByName", numDevices);
     if (devices == nullptr) {
-        g_stemlibLogger.error("getDeviceByName: Unable to larodListDevices: " + takeMessage(error));
-        return nullptr;
-    }
-    if (numDevices == 0) {
-        g_stemlibLogger.error("getDeviceByName: No devices found");
         return nullptr;
     }
     for (std::size_t i = 0; i < numDevices; ++i) {
-        const char* name = larodGetDeviceName(devices[i], &error);
-        if (name == nullptr) {
-            g_stemlibLogger.error("getDeviceByName: Unable to larodGetDeviceName: " +
-                                  takeMessage(error));
-            continue;
-        }
-        if (deviceName == name) {
+        const char* name = nameOf(devices[i], "getDeviceByName");
+        if (name != nullptr && deviceName == name) {
             return devices[i];
         }
     }
