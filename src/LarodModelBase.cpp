@@ -4,18 +4,6 @@
 
 namespace Ombrel {
 
-namespace {
-
-detail::LarodSessionFields fieldsOf(std::string& deviceName, larodConnection*& connection,
-                                    larodModel*& model, larodJobRequest*& jobRequest,
-                                    larodTensor**& inputs, std::size_t& numInputs,
-                                    larodTensor**& outputs, std::size_t& numOutputs) {
-    return detail::LarodSessionFields{deviceName, connection, model,   jobRequest,
-                                      inputs,     numInputs,  outputs, numOutputs};
-}
-
-} // namespace
-
 LarodModelBase::LarodModelBase(const std::string& theModelPath, const std::string& deviceName)
     : _modelPath(theModelPath), _inputWidth(0), _inputHeight(0), _deviceName(deviceName),
       _larodConnection(nullptr), _larodModel(nullptr), _larodJobRequest(nullptr),
@@ -23,9 +11,10 @@ LarodModelBase::LarodModelBase(const std::string& theModelPath, const std::strin
       _numOutputTensors(0) {}
 
 LarodModelBase::~LarodModelBase() {
-    detail::endLarodSession(fieldsOf(_deviceName, _larodConnection, _larodModel, _larodJobRequest,
-                                     _larodInputTensorArray, _numInputTensors,
-                                     _larodOutputTensorArray, _numOutputTensors),
+    detail::endLarodSession(detail::LarodSessionFields{_deviceName, _larodConnection, _larodModel,
+                                                       _larodJobRequest, _larodInputTensorArray,
+                                                       _numInputTensors, _larodOutputTensorArray,
+                                                       _numOutputTensors},
                             "~LarodModelBase", "LarodModelBase");
 }
 
@@ -34,11 +23,11 @@ bool LarodModelBase::initialize() {
 }
 
 bool LarodModelBase::initializeFromModelPath(const std::string& modelPath) {
-    detail::startLarodSession(fieldsOf(_deviceName, _larodConnection, _larodModel, _larodJobRequest,
-                                       _larodInputTensorArray, _numInputTensors,
-                                       _larodOutputTensorArray, _numOutputTensors),
-                              modelPath, true, _inputWidth, _inputHeight,
-                              [this]() { bindTensorsToFiles(); });
+    detail::startLarodSession(
+        detail::LarodSessionFields{_deviceName, _larodConnection, _larodModel, _larodJobRequest,
+                                   _larodInputTensorArray, _numInputTensors,
+                                   _larodOutputTensorArray, _numOutputTensors},
+        modelPath, true, _inputWidth, _inputHeight, [this]() { bindTensorsToFiles(); });
     return true;
 }
 
