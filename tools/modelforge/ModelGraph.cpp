@@ -91,33 +91,22 @@ void ModelGraph::addBuiltin(Builtin op, const std::vector<int>& inputs,
 
 void ModelGraph::addConv2D(const std::vector<int>& inputs, int output,
                            const Conv2DOptions& options) {
-    Operator entry;
-    entry.builtin = Builtin::Conv2D;
-    entry.inputs = inputs;
-    entry.outputs = {output};
-    entry.conv = options;
-    _operators.push_back(std::move(entry));
+    addBuiltin(Builtin::Conv2D, inputs, {output});
+    _operators.back().conv = options;
 }
 
 void ModelGraph::addDepthwiseConv2D(const std::vector<int>& inputs, int output,
                                     const DepthwiseConv2DOptions& options) {
-    Operator entry;
-    entry.builtin = Builtin::DepthwiseConv2D;
-    entry.inputs = inputs;
-    entry.outputs = {output};
-    entry.depthwise = options;
-    _operators.push_back(std::move(entry));
+    addBuiltin(Builtin::DepthwiseConv2D, inputs, {output});
+    _operators.back().depthwise = options;
 }
 
 void ModelGraph::addCustom(const std::string& code, const std::vector<int>& inputs,
                            const std::vector<int>& outputs,
                            std::vector<std::uint8_t> customOptions) {
-    Operator entry;
-    entry.customCode = code;
-    entry.inputs = inputs;
-    entry.outputs = outputs;
-    entry.customOptions = std::move(customOptions);
-    _operators.push_back(std::move(entry));
+    addBuiltin(Builtin::Reshape, inputs, outputs);
+    _operators.back().customCode = code;
+    _operators.back().customOptions = std::move(customOptions);
 }
 
 std::vector<std::uint8_t> ModelGraph::serialize(const std::string& description) const {

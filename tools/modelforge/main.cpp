@@ -170,46 +170,48 @@ struct Layer {
     Quantization q;
 };
 
-Layer convLayer(ModelGraph& graph, ByteSource& random, const Layer& in, const std::string& name,
-                int outChannels, int kernel, int stride, Activation activation,
-                const std::vector<int>& outShape) {
+// A layer's constant filter of the given shape, pseudo-random around its zero point, and its
+// zero biases, one per output channel (the shape's last dimension for a depthwise filter).
+std::vector<int> filterAndBias(ModelGraph& graph, ByteSource& random, const Layer& in,
+                               const std::string& name, const std::vector<int>& shape,
+                               int outChannels) {
     const Quantization weightQ{0.02f, 128};
-    std::vector<std::uint8_t> weights(static_cast<std::size_t>(outChannels) * kernel * kernel *
-                                      in.channels);
+    std::size_t count = 1;
+    for (int dim : shape) {
+        count *= static_cast<std::size_t>(dim);
+    }
+    std::vector<std::uint8_t> weights(count);
     for (auto& w : weights) {
         w = random.next(24);
     }
     const int filter =
-        graph.addTensor(name + "_weights", ElementType::UInt8,
-                        {outChannels, kernel, kernel, in.channels}, weightQ, std::move(weights));
-    std::vector<std::uint8_t> biasBytes(static_cast<std::size_t>(outChannels) * 4, 0);
+        graph.addTensor(name + "_weights", ElementType::UInt8, shape, weightQ, std::move(weights));
     const int bias =
         graph.addTensor(name + "_bias", ElementType::Int32, {outChannels},
-                        Quantization{in.q.scale * weightQ.scale, 0}, std::move(biasBytes));
+                        Quantization{in.q.scale * weightQ.scale, 0},
+                        std::vector<std::uint8_t>(static_cast<std::size_t>(outChannels) * 4, 0));
+    return {in.tensor, filter, bias};
+}
+
+Layer convLayer(ModelGraph& graph, ByteSource& random, const Layer& in, const std::string& name,
+                int outChannels, int kernel, int stride, Activation activation,
+                const std::vector<int>& outShape) {
+    const std::vector<int> inputs = filterAndBias(
+        graph, random, in, name, {outChannels, kernel, kernel, in.channels}, outChannels);
     const Quantization outQ{activation == Activation::None ? 0.05f : 6.0f / 255.0f,
                             activation == Activation::None ? 128 : 0};
     const int out = graph.addTensor(name, ElementType::UInt8, outShape, outQ);
-    graph.addConv2D({in.tensor, filter, bias}, out,
-                    Conv2DOptions{stride, stride, true, activation});
+    graph.addConv2D(inputs, out, Conv2DOptions{stride, stride, true, activation});
     return Layer{out, outChannels, outQ};
 }
 
 Layer depthwiseLayer(ModelGraph& graph, ByteSource& random, const Layer& in,
                      const std::string& name, int stride, const std::vector<int>& outShape) {
-    const Quantization weightQ{0.02f, 128};
-    std::vector<std::uint8_t> weights(static_cast<std::size_t>(9) * in.channels);
-    for (auto& w : weights) {
-        w = random.next(24);
-    }
-    const int filter = graph.addTensor(name + "_weights", ElementType::UInt8,
-                                       {1, 3, 3, in.channels}, weightQ, std::move(weights));
-    std::vector<std::uint8_t> biasBytes(static_cast<std::size_t>(in.channels) * 4, 0);
-    const int bias =
-        graph.addTensor(name + "_bias", ElementType::Int32, {in.channels},
-                        Quantization{in.q.scale * weightQ.scale, 0}, std::move(biasBytes));
+    const std::vector<int> inputs =
+        filterAndBias(graph, random, in, name, {1, 3, 3, in.channels}, in.channels);
     const Quantization outQ{6.0f / 255.0f, 0};
     const int out = graph.addTensor(name, ElementType::UInt8, outShape, outQ);
-    graph.addDepthwiseConv2D({in.tensor, filter, bias}, out,
+    graph.addDepthwiseConv2D(inputs, out,
                              DepthwiseConv2DOptions{stride, stride, 1, true, Activation::Relu6});
     return Layer{out, in.channels, outQ};
 }
