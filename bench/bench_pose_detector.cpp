@@ -5,13 +5,12 @@
 #include "PosenetDecoder.h"
 #include "PosenetPoseDetector.h"
 
-#include "ForgedModels.h"
+#include "../tests/support/PosePicture.h"
 
 #include <benchmark/benchmark.h>
 
 #include <larod.h>
 
-#include <cmath>
 #include <memory>
 #include <string>
 #include <vector>
@@ -20,63 +19,15 @@ using namespace Ombrel;
 
 namespace {
 
-// Six people painted into the model's tensors: heatmap peaks at their joints and the mid
-// offsets of every edge at the parent joint, short offsets at zero.
+// Six people painted into the model's tensors, in two rows of three.
 std::vector<std::uint8_t> crowdPicture() {
-    const modelforge::PassThroughModel model = modelforge::posenetPassThrough();
-    std::vector<std::uint8_t> bytes(model.inputBytes(), 0);
-    const std::size_t heatmaps = model.output("heatmaps").inputOffset;
-    const std::size_t shortOffsets = model.output("short_offsets").inputOffset;
-    const std::size_t mid = model.output("mid_offsets").inputOffset;
-    const int width = 31;
-    std::fill(bytes.begin() + static_cast<std::ptrdiff_t>(shortOffsets),
-              bytes.begin() + static_cast<std::ptrdiff_t>(shortOffsets + 713 * 34), 128);
-    std::fill(bytes.begin() + static_cast<std::ptrdiff_t>(mid),
-              bytes.begin() + static_cast<std::ptrdiff_t>(mid + 713 * 64), 117);
-    const float step = 1.3875765f / 16.0f;
+    StemlibTest::PosePicture picture(modelforge::posenetPassThrough());
     for (int row = 0; row < 2; ++row) {
         for (int column = 0; column < 3; ++column) {
-            const int top = 2 + 11 * row;
-            const int left = 11 * column;
-            const int u = 2;
-            const int cells[17][2] = {{top, left + 2 * u},         {top, left + u},
-                                      {top, left + 3 * u},         {top + u, left},
-                                      {top + u, left + 4 * u},     {top + u, left + u},
-                                      {top + u, left + 3 * u},     {top + 2 * u, left},
-                                      {top + 2 * u, left + 4 * u}, {top + 3 * u, left},
-                                      {top + 3 * u, left + 4 * u}, {top + 2 * u, left + u},
-                                      {top + 2 * u, left + 3 * u}, {top + 3 * u, left + u},
-                                      {top + 3 * u, left + 3 * u}, {top + 4 * u, left + u},
-                                      {top + 4 * u, left + 3 * u}};
-            for (int k = 0; k < 17; ++k) {
-                bytes[heatmaps +
-                      static_cast<std::size_t>((cells[k][0] * width + cells[k][1]) * 17 + k)] = 250;
-            }
-            // Around the parent joint, so that a position a little off the cell samples the
-            // same offsets.
-            for (int e = 0; e < 32; ++e) {
-                const int* parent = cells[PosenetDecoder::kEdgeList[e].first];
-                const int* child = cells[PosenetDecoder::kEdgeList[e].second];
-                const int channel = e < 16 ? e : e + 16;
-                for (int dy = -1; dy <= 1; ++dy) {
-                    for (int dx = -1; dx <= 1; ++dx) {
-                        const int y = parent[0] + dy;
-                        const int x = parent[1] + dx;
-                        if (y < 0 || x < 0 || y >= 23 || x >= width) {
-                            continue;
-                        }
-                        const std::size_t at = mid + static_cast<std::size_t>((y * width + x) * 64);
-                        bytes[at + static_cast<std::size_t>(channel)] = static_cast<std::uint8_t>(
-                            117 + std::lround(static_cast<float>(child[0] - parent[0]) / step));
-                        bytes[at + static_cast<std::size_t>(channel + 16)] =
-                            static_cast<std::uint8_t>(
-                                117 + std::lround(static_cast<float>(child[1] - parent[1]) / step));
-                    }
-                }
-            }
+            picture.addPerson(StemlibTest::gridPerson(2 + 11 * row, 11 * column, 2), 250);
         }
     }
-    return bytes;
+    return picture.bytes;
 }
 
 // The detector with its steps opened up.
