@@ -214,7 +214,7 @@ TEST(HostInferenceService, RejectsJobsItCannotRun) {
 
 // The library's tests make the other calls fail through the library itself.
 TEST(HostInferenceService, FailsAnyCallOnRequest) {
-    FailureScope failures;
+    HostCameraScope camera; // clears the requested failures at the end
     Client client;
     client.loadWithTensors("movenet_192x192");
     const larodDevice* cpu = larodGetDevice(client.conn, "cpu-tflite", 0, nullptr);

@@ -124,7 +124,7 @@ TEST(LarodObjectDetector, CapsTheCountAndSuppressesOverlaps) {
 }
 
 TEST(LarodObjectDetector, FailuresOfDetectGiveOneLineAndNothing) {
-    FailureScope failures;
+    HostCameraScope camera; // clears the requested failures at the end
     PaintedFrameSource source(kCamera, rawPicture({{0, 0, 100, 100, 4, 200}}, 1));
     RecordingLogger logger;
     ScopedLogger scope(logger);

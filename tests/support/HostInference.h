@@ -1,6 +1,6 @@
 // Test helpers around the host inference service: forged model paths, anonymous files for
-// tensors, requested failures, and the service's call log. A chosen host camera comes from
-// HostCameraScope.h.
+// tensors, and the service's call log. A chosen host camera, and requested failures cleared at
+// the end of a test, come from HostCameraScope.h.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -53,14 +53,6 @@ inline int anonymousFile(const std::vector<std::uint8_t>& bytes) {
 }
 
 #ifdef STEMLIB_TEST_HOST_LAROD
-
-// Clears every requested failure at the end of the scope.
-struct FailureScope {
-    FailureScope() = default;
-    ~FailureScope() { stemlib_host_clear_failures(); }
-    FailureScope(const FailureScope&) = delete;
-    FailureScope& operator=(const FailureScope&) = delete;
-};
 
 // The entries of the service's call log that begin with one of the given call names, in order.
 inline std::vector<std::string> larodCallLog(const std::vector<std::string>& calls) {
