@@ -1,6 +1,7 @@
 // The model session on the host inference service: the mapped exchange files, the start
-// sequence, the default device choice, every start failure with its text, and the fixed
-// tear-down order, for LarodModelBase and for the detector base.
+// sequence, the default device choice, every start failure with its text, the fixed tear-down
+// order, for LarodModelBase and for the detector base; and the service's exchange of tensors
+// through the files.
 #include "HostInference.h"
 
 #ifdef STEMLIB_TEST_HOST_LAROD
@@ -22,29 +23,43 @@ using namespace StemlibTest;
 
 namespace {
 
-// A session on the PoseNet pass-through model: one picture in, three byte tensors out.
-class PosenetSession : public LarodModelBase {
+// A session on the MoveNet pass-through model: one picture in (of inputSize bytes, or the
+// model's size), 51 floats out, each a byte of the picture's start over 256.
+class MovenetSession : public LarodModelBase {
 public:
-    explicit PosenetSession(const std::string& deviceName = "",
-                            const std::string& modelPath = forgedModel("posenet_481x353"),
-                            std::string inputTemplate = "/tmp/larod.in0-XXXXXX")
-        : LarodModelBase(modelPath, deviceName), _inputTemplate(std::move(inputTemplate)) {}
+    explicit MovenetSession(const std::string& deviceName = "",
+                            const std::string& modelPath = forgedModel("movenet_192x192"),
+                            std::string inputTemplate = "/tmp/larod.in0-XXXXXX", int inputSize = 0)
+        : LarodModelBase(modelPath, deviceName), _inputTemplate(std::move(inputTemplate)),
+          _inputSize(inputSize) {}
 
     void bindTensorsToFiles() override {
-        _files.push_back(std::make_unique<MemoryMappedFile>(
-            _inputTemplate, static_cast<int>(3 * _inputWidth * _inputHeight)));
-        bindTensorToFile(_larodInputTensorArray[0], _files.back(), "Input Image");
-        const int sizes[] = {12121, 24242, 45632};
-        for (std::size_t i = 0; i < 3; ++i) {
-            _files.push_back(
-                std::make_unique<MemoryMappedFile>("/tmp/larod.out0-XXXXXX", sizes[i]));
-            bindTensorToFile(_larodOutputTensorArray[i], _files.back(), "Output");
-        }
+        _input = std::make_unique<MemoryMappedFile>(
+            _inputTemplate,
+            _inputSize > 0 ? _inputSize : static_cast<int>(3 * _inputWidth * _inputHeight));
+        bindTensorToFile(_larodInputTensorArray[0], _input, "Input Image");
+        _output = std::make_unique<MemoryMappedFile>("/tmp/larod.out0-XXXXXX", 204);
+        bindTensorToFile(_larodOutputTensorArray[0], _output, "Output Skeleton");
     }
+
+    // Runs the job as a detector does; the service's message when it fails.
+    std::string run() {
+        larodError* error = nullptr;
+        const std::string message = larodRunJob(_larodConnection, _larodJobRequest, &error)
+                                        ? std::string()
+                                        : std::string(error->msg);
+        larodClearError(&error);
+        return message;
+    }
+    std::uint8_t* picture() const { return static_cast<std::uint8_t*>(_input->getBuffer()); }
+    int inputFd() const { return _input->getFileDescriptor(); }
+    MemoryMappedFile& output() const { return *_output; }
 
 private:
     std::string _inputTemplate;
-    std::vector<std::unique_ptr<MemoryMappedFile>> _files;
+    int _inputSize;
+    std::unique_ptr<MemoryMappedFile> _input;
+    std::unique_ptr<MemoryMappedFile> _output;
 };
 
 const std::vector<std::string> kReleaseCalls = {"larodDestroyJobRequest", "larodDestroyTensors",
@@ -56,13 +71,11 @@ TEST(MemoryMappedFile, MapsAnUnlinkedFileAndThrowsTheTextOfEachFailure) {
     ScopedLogger scope(logger);
     {
         MemoryMappedFile file("/tmp/larod.out0-XXXXXX", 300);
-        EXPECT_NE(file.getFilename(), "/tmp/larod.out0-XXXXXX");
         struct stat status {};
         EXPECT_NE(stat(file.getFilename().c_str(), &status), 0) << "unlinked at once";
         EXPECT_EQ(fstat(file.getFileDescriptor(), &status), 0);
         EXPECT_EQ(status.st_size, 300);
-        static_cast<char*>(file.getBuffer())[299] = 'x';
-        EXPECT_EQ(lseek(file.getFileDescriptor(), 50, SEEK_SET), 50);
+        lseek(file.getFileDescriptor(), 50, SEEK_SET);
         EXPECT_TRUE(file.rewind());
         EXPECT_EQ(lseek(file.getFileDescriptor(), 0, SEEK_CUR), 0);
     }
@@ -98,41 +111,83 @@ TEST(MemoryMappedFile, MapsAnUnlinkedFileAndThrowsTheTextOfEachFailure) {
     }
 }
 
+// The tear-down also meets a model that will not go and a service that has gone away: it
+// reports both and goes on.
 TEST(LarodModelBase, StartsAndTearsDownInTheFixedOrder) {
+    HostCameraScope camera; // clears the requested failures at the end
     RecordingLogger logger;
     ScopedLogger scope(logger);
     stemlib_host_larod_clear_log();
     {
-        PosenetSession session;
-        EXPECT_EQ(session.getInputWidth(), 0u);
+        MovenetSession session;
         EXPECT_TRUE(session.initialize());
         EXPECT_EQ(session.getDeviceName(), "a9-dlpu-tflite");
-        EXPECT_EQ(session.getInputWidth(), 481u);
-        EXPECT_EQ(session.getInputHeight(), 353u);
+        EXPECT_EQ(session.getInputHeight(), 192u);
         EXPECT_EQ(linesAt(logger, "info"),
                   (std::vector<std::string>{"logDevices: Found 2 devices",
                                             "logDevices: Device: cpu-tflite",
                                             "logDevices: Device: a9-dlpu-tflite",
-                                            "initializeFromModelPath: Model size (WxH): 481x353",
+                                            "initializeFromModelPath: Model size (WxH): 192x192",
                                             "initializeFromModelPath: Model loaded successfully"}));
+        stemlib_host_set_failure("larodDestroyTensors", "tensors busy");
+        stemlib_host_set_failure("larodDeleteModel", "model busy");
+        stemlib_host_set_failure("larodDisconnect", "service gone");
     }
     EXPECT_TRUE(hasLine(logger, "info", "~LarodModelBase: LarodModelBase destructor called."));
-    EXPECT_TRUE(linesAt(logger, "error").empty());
+    EXPECT_EQ(linesAt(logger, "error"),
+              (std::vector<std::string>{"~LarodModelBase: Failed to delete larod model: model busy",
+                                        "~LarodModelBase: Failed to disconnect from larod: "
+                                        "service gone"}));
     std::vector<std::string> calls = {"larodConnect",           "larodLoadModel",
                                       "larodCreateModelInputs", "larodCreateModelOutputs",
                                       "larodGetTensorDims",     "larodSetTensorFd",
-                                      "larodCreateJobRequest"};
+                                      "larodCreateJobRequest",  "larodClearError"};
     calls.insert(calls.end(), kReleaseCalls.begin(), kReleaseCalls.end());
     EXPECT_EQ(
         larodCallLog(calls),
         (std::vector<std::string>{
             "larodConnect", "larodLoadModel a9-dlpu-tflite", "larodCreateModelInputs 1",
-            "larodCreateModelOutputs 3", "larodGetTensorDims input 0", "larodSetTensorFd input 0",
-            "larodSetTensorFd output 0", "larodSetTensorFd output 1", "larodSetTensorFd output 2",
-            "larodCreateJobRequest", "larodDestroyJobRequest",
-            // The derived class's files are gone before the session is released.
-            "larodDestroyTensors inputs, files closed", "larodDestroyTensors outputs, files closed",
-            "larodDeleteModel", "larodDestroyModel", "larodDisconnect"}));
+            "larodCreateModelOutputs 1", "larodGetTensorDims input 0", "larodSetTensorFd input 0",
+            "larodSetTensorFd output 0", "larodCreateJobRequest", "larodDestroyJobRequest",
+            // The derived class's files are gone before the session is released. A failed
+            // release of the tensors releases them all the same.
+            "larodDestroyTensors inputs, files closed failed", "larodClearError",
+            "larodDestroyTensors outputs, files closed failed", "larodClearError",
+            "larodDeleteModel failed", "larodClearError", "larodDestroyModel",
+            "larodDisconnect failed", "larodClearError"}));
+}
+
+// The service reads each input from offset 0 without moving the descriptor, and writes each
+// output at the descriptor's position: so a detector must rewind its outputs before each job.
+TEST(HostInferenceService, ReadsInputsAtOffsetZeroAndWritesOutputsAtThePosition) {
+    MovenetSession session;
+    ASSERT_TRUE(session.initialize());
+    const int output = session.output().getFileDescriptor();
+    float values[102] = {};
+    const auto readOutput = [&values, output]() { return pread(output, values, sizeof values, 0); };
+    session.picture()[50] = 50;
+    lseek(session.inputFd(), 1000, SEEK_SET);
+    EXPECT_EQ(session.run(), "");
+    EXPECT_EQ(lseek(session.inputFd(), 0, SEEK_CUR), 1000);
+    EXPECT_EQ(lseek(output, 0, SEEK_CUR), 204);
+    EXPECT_EQ(readOutput(), 204);
+    EXPECT_FLOAT_EQ(values[50], 50 / 256.0f);
+
+    session.picture()[50] = 100;
+    EXPECT_EQ(session.run(), "");
+    EXPECT_EQ(readOutput(), 408);
+    EXPECT_FLOAT_EQ(values[50], 50 / 256.0f);
+    EXPECT_FLOAT_EQ(values[101], 100 / 256.0f);
+    session.picture()[50] = 200;
+    session.output().rewind();
+    EXPECT_EQ(session.run(), "");
+    EXPECT_EQ(readOutput(), 408);
+    EXPECT_FLOAT_EQ(values[50], 200 / 256.0f);
+
+    // An input file shorter than its tensor fails the job.
+    MovenetSession shortInput("", forgedModel("movenet_192x192"), "/tmp/larod.in0-XXXXXX", 1000);
+    ASSERT_TRUE(shortInput.initialize());
+    EXPECT_EQ(shortInput.run(), "input tensor 0: the file holds 1000 of the tensor's 110592 bytes");
 }
 
 TEST(LarodModelBase, TakesTheFirstAcceleratorInTheServicesOrder) {
@@ -146,7 +201,7 @@ TEST(LarodModelBase, TakesTheFirstAcceleratorInTheServicesOrder) {
     };
     for (const auto& c : cases) {
         HostCameraScope camera(std::string("larod.devices = ") + c.devices + "\n");
-        PosenetSession session;
+        MovenetSession session;
         EXPECT_TRUE(session.initialize());
         EXPECT_EQ(session.getDeviceName(), c.chosen);
     }
@@ -161,18 +216,18 @@ std::string joined(const std::vector<std::string>& lines) {
 }
 
 TEST(LarodModelBase, EveryStartFailureThrowsItsTextAndLeavesTheRestToTheDestructor) {
-    const std::string model = forgedModel("posenet_481x353");
+    const std::string model = forgedModel("movenet_192x192");
     const std::string init = "initializeFromModelPath: ";
     const std::string noDevice = init + "Failed to get device by name . ";
-    const std::vector<std::string> nothing = {
-        "larodDestroyJobRequest null", "larodDestroyTensors null", "larodDestroyTensors null",
-        "larodDeleteModel null",       "larodDestroyModel null",   "larodDisconnect null"};
+    // The tear-down after each failure, growing with what the start acquired.
+    std::vector<std::string> nothing = {"larodDestroyJobRequest null", "larodDestroyTensors null",
+                                        "larodDestroyTensors null",    "larodDeleteModel null",
+                                        "larodDestroyModel null",      "larodDisconnect null"};
     std::vector<std::string> connected = nothing;
-    connected.back() = "larodDisconnect";
-    const std::vector<std::string> modelLoaded = {
-        "larodDestroyJobRequest null", "larodDestroyTensors null",
-        "larodDestroyTensors null",    "larodDeleteModel",
-        "larodDestroyModel",           "larodDisconnect"};
+    connected[5] = "larodDisconnect";
+    std::vector<std::string> modelLoaded = connected;
+    modelLoaded[3] = "larodDeleteModel";
+    modelLoaded[4] = "larodDestroyModel";
     std::vector<std::string> inputsMade = modelLoaded;
     inputsMade[1] = "larodDestroyTensors inputs";
     std::vector<std::string> tensorsMade = inputsMade;
@@ -212,6 +267,15 @@ TEST(LarodModelBase, EveryStartFailureThrowsItsTextAndLeavesTheRestToTheDestruct
          connected},
         {nullptr, "larodLoadModel", "", model,
          init + "Failed to load model " + model + ". injected", connected},
+        // Models that the service itself refuses.
+        {nullptr, "", "", __FILE__,
+         init + "Failed to load model " + __FILE__ + ". the file \"" + __FILE__ +
+             "\" is not a valid TensorFlow Lite model",
+         connected},
+        {"cpu-proc", "", "cpu-proc", model,
+         init + "Failed to load model " + model +
+             ". device \"cpu-proc\" does not run TensorFlow Lite models",
+         connected},
         {nullptr, "larodCreateModelInputs", "", model,
          init + "Failed to create model input tensor array. injected", modelLoaded},
         {nullptr, "larodCreateModelOutputs", "", model,
@@ -234,7 +298,7 @@ TEST(LarodModelBase, EveryStartFailureThrowsItsTextAndLeavesTheRestToTheDestruct
         ScopedLogger scope(logger);
         stemlib_host_larod_clear_log();
         {
-            PosenetSession session(c.deviceName, c.modelPath);
+            MovenetSession session(c.deviceName, c.modelPath);
             try {
                 session.initialize();
                 ADD_FAILURE() << "no exception";
@@ -249,48 +313,15 @@ TEST(LarodModelBase, EveryStartFailureThrowsItsTextAndLeavesTheRestToTheDestruct
     }
 
     // A throw from a MemoryMappedFile passes straight through.
-    PosenetSession session("", model, "/nonexistent-directory/larod.in0-XXXXXX");
+    MovenetSession session("", model, "/nonexistent-directory/larod.in0-XXXXXX");
     EXPECT_THROW(session.initialize(), const char*);
 }
-
-TEST(LarodModelBase, TearDownReportsFailuresAndGoesOn) {
-    HostCameraScope camera; // clears the requested failures at the end
-    RecordingLogger logger;
-    ScopedLogger scope(logger);
-    {
-        PosenetSession session;
-        ASSERT_TRUE(session.initialize());
-        stemlib_host_set_failure("larodDeleteModel", "model busy");
-        stemlib_host_set_failure("larodDisconnect", "service gone");
-        stemlib_host_larod_clear_log();
-    }
-    EXPECT_EQ(linesAt(logger, "error"),
-              (std::vector<std::string>{"~LarodModelBase: Failed to delete larod model: model busy",
-                                        "~LarodModelBase: Failed to disconnect from larod: "
-                                        "service gone"}));
-    std::vector<std::string> calls = kReleaseCalls;
-    calls.push_back("larodClearError");
-    EXPECT_EQ(
-        larodCallLog(calls),
-        (std::vector<std::string>{
-            "larodDestroyJobRequest", "larodDestroyTensors inputs, files closed",
-            "larodDestroyTensors outputs, files closed", "larodDeleteModel failed",
-            "larodClearError", "larodDestroyModel", "larodDisconnect failed", "larodClearError"}));
-}
-
-// The object detector, seen as its session base.
-class ObjectDetectorSession : public LarodObjectDetector {
-public:
-    using LarodObjectDetector::LarodObjectDetector;
-    larodTensor* inputTensor() const { return _larodInputTensorArray[0]; }
-};
 
 TEST(LarodDetectorBase, SharesTheSessionUnderItsOwnName) {
     RecordingLogger logger;
     ScopedLogger scope(logger);
     {
-        ObjectDetectorSession detector("unused.tflite");
-        EXPECT_EQ(detector.getInputResolution(), Resolution(0, 0));
+        LarodObjectDetector detector("unused.tflite");
         // The entry for a protected model needs what the protection step leaves: a readable
         // model.
         EXPECT_FALSE(detector.initialize("/nonexistent/protected.tflite"));
@@ -298,17 +329,8 @@ TEST(LarodDetectorBase, SharesTheSessionUnderItsOwnName) {
                   std::vector<std::string>{"initialize: Failed to decrypt model file"});
         EXPECT_TRUE(detector.initialize(forgedModel("detector_raw_300x300")));
         EXPECT_EQ(detector.getInputResolution(), Resolution(300, 300));
-        EXPECT_EQ(detector.getDeviceName(), "a9-dlpu-tflite");
-        EXPECT_EQ(detector.getModelPath(), "unused.tflite");
-        // No device list after connecting.
-        EXPECT_TRUE(linesOf(logger, {"logDevices"}).empty());
-        detector.logTensorInfo(detector.inputTensor(), "Input Image");
-        EXPECT_TRUE(hasLine(logger, "info",
-                            "logTensorInfo: Input Image: dims [1, 300, 300, 3], data type UINT8, "
-                            "layout NHWC, 270000 bytes"));
+        EXPECT_TRUE(linesOf(logger, {"logDevices"}).empty()) << "no device list after connecting";
     }
-    EXPECT_TRUE(
-        hasLine(logger, "info", "~LarodDetectorBase: LarodDetectorBase destructor called."));
 
     // A model without the detector's four outputs is refused while binding.
     logger.lines.clear();

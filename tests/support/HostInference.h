@@ -1,16 +1,11 @@
-// Test helpers around the host inference service: forged model paths, anonymous files for
-// tensors, and the service's call log. A chosen host camera, and requested failures cleared at
+// Test helpers around the host inference service: forged model paths and the service's call
+// log. A chosen host camera, and requested failures cleared at
 // the end of a test, come from HostCameraScope.h.
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <cstdint>
 #include <cstdlib>
 #include <sstream>
 #include <string>
-#include <sys/mman.h>
-#include <unistd.h>
 #include <vector>
 
 #if __has_include(<stemlib-host-larod.h>)
@@ -26,30 +21,6 @@ namespace StemlibTest {
 // A model that the build forged (see tools/modelforge/ForgedModels.h).
 inline std::string forgedModel(const std::string& name) {
     return std::string(STEMLIB_MODEL_DIR) + "/" + name + ".tflite";
-}
-
-// An open descriptor, closed at the end of the scope.
-class ScopedFd {
-public:
-    explicit ScopedFd(int fd) : _fd(fd) {}
-    ~ScopedFd() {
-        if (_fd >= 0) {
-            close(_fd);
-        }
-    }
-    ScopedFd(const ScopedFd&) = delete;
-    ScopedFd& operator=(const ScopedFd&) = delete;
-    int get() const { return _fd; }
-
-private:
-    int _fd;
-};
-
-// An anonymous in-memory file holding bytes, its position at 0.
-inline int anonymousFile(const std::vector<std::uint8_t>& bytes) {
-    const int fd = memfd_create("stemlib-test", 0);
-    EXPECT_EQ(pwrite(fd, bytes.data(), bytes.size(), 0), static_cast<ssize_t>(bytes.size()));
-    return fd;
 }
 
 #ifdef STEMLIB_TEST_HOST_LAROD
