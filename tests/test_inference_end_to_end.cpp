@@ -18,6 +18,7 @@
 #include <gtest/gtest.h>
 
 #include <opencv2/imgcodecs.hpp>
+#include <opencv2/imgproc.hpp>
 
 #include <cmath>
 #include <filesystem>
@@ -32,20 +33,14 @@ namespace {
 // A picture `factor` times the model's size in each direction, each model pixel repeated
 // over a square of factor x factor: the nearest-sample resize of a frame source gives back the
 // model's bytes exactly.
-ImageBufferFrameSource upscaled(const std::vector<std::uint8_t>& bytes, const Resolution& model,
+ImageBufferFrameSource upscaled(std::vector<std::uint8_t> bytes, const Resolution& model,
                                 unsigned int factor) {
-    const Resolution big(model.width * factor, model.height * factor);
-    std::vector<std::uint8_t> pixels(static_cast<std::size_t>(big.area()) * 3);
-    for (unsigned int y = 0; y < big.height; ++y) {
-        for (unsigned int x = 0; x < big.width; ++x) {
-            const std::size_t from =
-                (static_cast<std::size_t>(y / factor) * model.width + x / factor) * 3;
-            std::copy_n(bytes.begin() + static_cast<std::ptrdiff_t>(from), 3,
-                        pixels.begin() + static_cast<std::ptrdiff_t>(
-                                             (static_cast<std::size_t>(y) * big.width + x) * 3));
-        }
-    }
-    return ImageBufferFrameSource(big, pixels.data());
+    const cv::Mat picture(static_cast<int>(model.height), static_cast<int>(model.width), CV_8UC3,
+                          bytes.data());
+    cv::Mat big;
+    cv::resize(picture, big, cv::Size(), factor, factor, cv::INTER_NEAREST_EXACT);
+    return ImageBufferFrameSource(Resolution(model.width * factor, model.height * factor),
+                                  big.data);
 }
 
 // Two frames of one object at point, in a scene whose area 0 is a 20-pixel square around it with
@@ -55,13 +50,11 @@ void expectDwell(int findingID, const FPoint& point) {
     areas.setAOI(0, true,
                  IRectangle(static_cast<int>(point.x) - 10, static_cast<int>(point.y) - 10, 20, 20),
                  0);
-    areas.setAOI(1, true, IRectangle(0, 0, 5, 5), 3600);
-    const AOIInfo first = areas.add(findingID, point);
-    EXPECT_EQ(first.location, AOILocation::AOI0);
-    EXPECT_EQ(first.duration, AOIDuration::Briefly);
-    const AOIInfo second = areas.add(findingID, point);
-    EXPECT_EQ(second.location, AOILocation::AOI0);
-    EXPECT_EQ(second.duration, AOIDuration::Lengthily);
+    for (const AOIDuration duration : {AOIDuration::Briefly, AOIDuration::Lengthily}) {
+        const AOIInfo info = areas.add(findingID, point);
+        EXPECT_EQ(info.location, AOILocation::AOI0);
+        EXPECT_EQ(info.duration, duration);
+    }
 }
 
 // The person's centre between the hips.
@@ -103,7 +96,8 @@ std::vector<std::uint8_t> ssdPicture(const std::vector<SsdBox>& boxes) {
 
 TEST(InferenceEndToEnd, SsdObjectDetectorFromFrameToDwell) {
     // A person (class 0), the same person again a little lower, which the model's own
-    // post-processing suppresses, a car (class 2), and a bus (class 5) below the threshold.
+    // post-processing suppresses, a car (class 2), and a bus (class 5) below the detector's
+    // threshold.
     const std::vector<SsdBox> boxes = {{0.40625f, 0.5f, -44 / 64.0f, -89 / 64.0f, 0, 250},
                                        {0.42f, 0.5f, -44 / 64.0f, -89 / 64.0f, 0, 180},
                                        {0.75f, 0.25f, -1.0f, -1.5f, 2, 200},
@@ -111,9 +105,8 @@ TEST(InferenceEndToEnd, SsdObjectDetectorFromFrameToDwell) {
     ImageBufferFrameSource camera = upscaled(ssdPicture(boxes), Resolution(300, 300), 3);
     auto detector = std::make_unique<LarodObjectDetector>(forgedModel("detector_ssd_300x300"));
     ASSERT_TRUE(detector->initialize());
-    EXPECT_TRUE(detector->tensorsToDetections(camera.getResolution()).empty()) << "nothing ran";
 
-    auto detections = detector->detect(camera);
+    const auto detections = detector->detect(camera);
     ASSERT_EQ(detections.size(), 2u);
     EXPECT_EQ(static_cast<Objects>(detections[0].classID), Objects::Person);
     EXPECT_FLOAT_EQ(detections[0].confidence, 250 / 256.0f);
@@ -128,11 +121,6 @@ TEST(InferenceEndToEnd, SsdObjectDetectorFromFrameToDwell) {
     EXPECT_NEAR(box.y, (0.40625f - height / 2) * 899, 1.0f);
     EXPECT_NEAR(box.height, height * 899, 2.0f);
     expectDwell(7, box.getBottomMidpoint());
-
-    detector->setConfidenceThreshold(0.3f);
-    detections = detector->detect(camera);
-    ASSERT_EQ(detections.size(), 3u);
-    EXPECT_EQ(static_cast<Objects>(detections[2].classID), Objects::Bus);
 }
 
 TEST(InferenceEndToEnd, PoseDetectorsFromFrameToDwell) {
@@ -156,6 +144,8 @@ TEST(InferenceEndToEnd, PoseDetectorsFromFrameToDwell) {
          modelforge::posenetPassThrough(), gridPerson(6, 10, 2), 3.0f},
         {"BodyPix", [&](ImageFrameSource& s, const IRectangle& r) { return bodypix->detect(s, r); },
          modelforge::bodypixPassThrough(), gridPerson(20, 40, 2), 5.0f},
+        // The person straddles the cell (7, 10) where the forward displacements end and the
+        // backward ones begin in the concatenated mid offsets.
         {"BodyPix 320 x 240",
          [&](ImageFrameSource& s, const IRectangle& r) { return bodypix320->detect(s, r); },
          modelforge::bodypix320PassThrough(), gridPerson(3, 6, 2), 3.0f},
@@ -187,16 +177,15 @@ TEST(InferenceEndToEnd, MovenetFromACameraStreamToDwell) {
     // The camera shows one picture: its first 17 pixels are grey, so that they come through the
     // stream's NV12 frames with their value; each gives a joint at y = x = value / 256 with
     // score value / 256. The hips are at 160 and 168.
+    const auto value = [](BodypixBodyPart part) {
+        return part == BodypixBodyPart::LeftHip    ? 160
+               : part == BodypixBodyPart::RightHip ? 168
+                                                   : 100 + 5 * static_cast<int>(part);
+    };
     cv::Mat picture(192, 192, CV_8UC3, cv::Scalar(0, 0, 0));
-    std::vector<int> values(17);
-    for (int k = 0; k < 17; ++k) {
-        values[static_cast<std::size_t>(k)] = 100 + 5 * k;
-    }
-    values[static_cast<std::size_t>(BodypixBodyPart::LeftHip)] = 160;
-    values[static_cast<std::size_t>(BodypixBodyPart::RightHip)] = 168;
-    for (int k = 0; k < 17; ++k) {
-        const auto grey = static_cast<std::uint8_t>(values[static_cast<std::size_t>(k)]);
-        picture.at<cv::Vec3b>(0, k) = cv::Vec3b(grey, grey, grey);
+    for (BodypixBodyPart part : BodyParts) {
+        const auto grey = static_cast<std::uint8_t>(value(part));
+        picture.at<cv::Vec3b>(0, static_cast<int>(part)) = cv::Vec3b(grey, grey, grey);
     }
     const std::string description = "channels = 1\nchannel.1.resolutions = 1920x1080, 192x192\n";
     HostCameraScope camera(description);
@@ -211,7 +200,7 @@ TEST(InferenceEndToEnd, MovenetFromACameraStreamToDwell) {
     ASSERT_EQ(detection.skeleton.keypoints().size(), 17u);
     // The video service's colour conversion keeps a grey within a step or two.
     for (BodypixBodyPart part : BodyParts) {
-        const float expected = values[static_cast<std::size_t>(part)] / 256.0f * 768.0f;
+        const float expected = static_cast<float>(value(part)) / 256.0f * 768.0f;
         const auto& keypoint = detection.skeleton.keypoints().get(part);
         EXPECT_NEAR(static_cast<float>(keypoint.point.x), expected, 7.0f) << toString(part);
         EXPECT_NEAR(static_cast<float>(keypoint.point.y), expected, 7.0f) << toString(part);
