@@ -5,7 +5,7 @@
 #include "PosenetDecoder.h"
 #include "PosenetPoseDetector.h"
 
-#include "../tests/support/PosePicture.h"
+#include "PosePicture.h"
 
 #include <benchmark/benchmark.h>
 
