@@ -11,6 +11,7 @@ PACKAGES=(
     libgtest-dev libgmock-dev libbenchmark-dev libspdlog-dev
     libflatbuffers-dev flatbuffers-compiler
     fonts-noto-core fonts-wqy-microhei
+    opencv-doc
 )
 
 SUDO=""
@@ -35,3 +36,6 @@ fi
 
 # TensorFlow Lite, the engine of the host inference service (no Debian package ships it).
 "$(dirname "$0")/fetch-tflite.sh"
+
+# Real photographs and footage for the tests and examples (opencv-doc's data folder).
+"$(dirname "$0")/fetch-sample-data.sh"
