@@ -50,6 +50,7 @@ fi
 
 WORK="$(mktemp -d)"
 trap 'rm -rf "$WORK"' EXIT
+chmod 755 "$WORK" # apt downloads as its own user
 echo "fetch-sample-data: extracting opencv-doc's data into $CACHE_DIR"
 (cd "$WORK" && apt-get download -q opencv-doc > /dev/null)
 DEB="$(ls "$WORK"/opencv-doc_*.deb)"
