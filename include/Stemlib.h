@@ -38,6 +38,7 @@
 #include "NMSDetectionFilter.h"
 #include "ObjectDetection.h"
 #include "PanoImageFrameSource.h"
+#include "PerspectiveMath.h"
 #include "Points.h"
 #include "Polygons.h"
 #include "PoseBase.h"
@@ -50,3 +51,4 @@
 #include "VideoStreamMapper.h"
 #include "VideoStreamSource.h"
 #include "imgconverter.h"
+#include "utils.h"
