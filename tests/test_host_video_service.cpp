@@ -464,7 +464,7 @@ TEST(HostVdoStream, MemoryOfAStreamIsCheckedAgainstTheCameraLimitBeforeAnyIsTake
     camera.reload(kSmallCamera + "video.memory_limit_mib = 2\nvideo.input = images:.\n");
     EXPECT_NE(openStream(settingsMap(640, 360, 0, 1)), nullptr);
     newStreamError(settingsMap(640, 360, 90, 1), VDO_ERROR_OOM,
-                   "a stream of 640x360 with 1 buffers needs 2.4 MiB (0.4 MiB for its buffers and "
+                   "a stream of 640x360 with 1 buffer needs 2.4 MiB (0.4 MiB for its buffers and "
                    "2.0 MiB for its image folder), more than the 2 MiB");
 }
 
@@ -510,6 +510,7 @@ TEST(HostVdoStream, RunningOutOfMemoryFailsTheCallNotTheProcess) {
                     "on it cannot be set";
 #else
     // The child runs the test program afresh, so no thread of this process is copied into it.
+    const std::string style = GTEST_FLAG_GET(death_test_style);
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     HostCameraScope camera("channels = 1\nchannel.1.resolutions = 4096x4096\n"
                            "video.memory_limit_mib = 4096\n");
@@ -517,6 +518,7 @@ TEST(HostVdoStream, RunningOutOfMemoryFailsTheCallNotTheProcess) {
                 "no memory for a stream of 4096x4096 with 32 buffers, which needs 792\\.1 MiB "
                 "\\(768\\.0 MiB for its buffers and 24\\.1 MiB for its generator\\)\n"
                 "refused 1, recovered 1, released 1");
+    GTEST_FLAG_SET(death_test_style, style);
 #endif
 }
 

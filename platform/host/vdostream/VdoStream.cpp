@@ -266,7 +266,8 @@ VdoStream* newStream(const StreamSettings& parsed, const stemlib_host::CameraDes
     const std::uint64_t limit = streamMemoryLimit(camera);
     const std::string stream = "a stream of " + std::to_string(parsed.width) + "x" +
                                std::to_string(parsed.height) + " with " +
-                               std::to_string(parsed.bufferCount) + " buffers";
+                               std::to_string(parsed.bufferCount) +
+                               (parsed.bufferCount == 1 ? " buffer" : " buffers");
     const std::string need = mebibytes(ringBytes + inputBytes) + " (" + mebibytes(ringBytes) +
                              " for its buffers and " + mebibytes(inputBytes) + " for its " +
                              videoInputName(camera) + ")";
