@@ -25,8 +25,9 @@ namespace Ombrel {
 
 class AxisVideoStreamSource : public VideoStreamSource {
 public:
-    // Opens and starts the stream; throws std::runtime_error when the video service refuses it
-    // (and std::stoi's exception when the camera's rotation is not a number). A failed
+    // Opens and starts the stream; throws std::runtime_error when the video service refuses it or
+    // the image buffer cannot count the frame's bytes (std::bad_alloc when memory runs out for
+    // it, and std::stoi's exception when the camera's rotation is not a number). A failed
     // construction gives back the settings and the stream that it made.
     explicit AxisVideoStreamSource(const Resolution& resolution);
     ~AxisVideoStreamSource() override;

@@ -6,7 +6,9 @@
 
 #include <vdo-stream.h>
 
+#include <cstdint>
 #include <exception>
+#include <limits>
 #include <memory>
 #include <sstream>
 #include <stdexcept>
@@ -50,6 +52,18 @@ bool giveBack(VdoStream* stream, VdoBuffer* buffer, const char* function) {
 
 AxisVideoStreamSource::AxisVideoStreamSource(const Resolution& resolution)
     : VideoStreamSource(resolution) {
+    // The base refuses an image buffer beyond what its capacity can count and leaves a 0 by 0
+    // image; the stream would then be asked for 0x0 and blame that size instead.
+    if (!(_resolution == resolution)) {
+        const std::string text =
+            "Image of " + std::to_string(resolution.width) + "x" +
+            std::to_string(resolution.height) + " is too large: " +
+            std::to_string(std::uint64_t{resolution.width} * resolution.height * 3) +
+            " bytes of RGB, more than an image buffer can hold (" +
+            std::to_string(std::numeric_limits<unsigned int>::max()) + ")";
+        g_stemlibLogger.error("AxisVideoStreamSource: " + text);
+        throw std::runtime_error(text);
+    }
     // The manager lives until the end of the constructor, as in the order of opening.
     AxisCameraManager cameraManager("Stemlib");
     _cameraRotation = cameraManager.getCameraRotation();

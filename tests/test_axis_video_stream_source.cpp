@@ -198,6 +198,38 @@ TEST(AxisVideoStreamSource, ConstructionFailuresOverwriteTheErrorText) {
     EXPECT_THROW(AxisVideoStreamSource(Resolution(320, 180)), std::invalid_argument);
 }
 
+TEST(AxisVideoStreamSource, RefusalsForSizeNameTheirRealCause) {
+    HostCameraScope camera(cameraAt(0, "video.memory_limit_mib = 1\n"));
+    RecordingLogger logger;
+    ScopedLogger scope(logger);
+    const long streams = stemlib_host_live_objects("VdoStream");
+    const long maps = stemlib_host_live_objects("VdoMap");
+    auto refusal = [&](const Resolution& resolution) {
+        std::string what;
+        try {
+            AxisVideoStreamSource source(resolution);
+            ADD_FAILURE() << "constructed at " << resolution.toString();
+        } catch (const std::runtime_error& e) {
+            what = e.what();
+        }
+        const Lines errors = lines(logger, "error");
+        EXPECT_EQ(errors.empty() ? "" : errors.back(), "AxisVideoStreamSource: " + what);
+        return what;
+    };
+    // An image buffer that cannot count the frame's bytes: the stream is never asked for the
+    // 0x0 that the base is left with.
+    EXPECT_EQ(refusal(Resolution(65534, 65534)),
+              "Image of 65534x65534 is too large: 12884115468 bytes of RGB, more than an image "
+              "buffer can hold (4294967295)");
+    // A stream beyond the camera's memory limit: the service's sizes reach the exception.
+    EXPECT_EQ(refusal(Resolution(640, 360)),
+              "Failed to create new VDO stream from settings. a stream of 640x360 with 3 buffers "
+              "needs 1.4 MiB (1.0 MiB for its buffers and 0.4 MiB for its generator), more than "
+              "the 1 MiB that the camera's video.memory_limit_mib allows a stream");
+    EXPECT_EQ(stemlib_host_live_objects("VdoStream"), streams);
+    EXPECT_EQ(stemlib_host_live_objects("VdoMap"), maps);
+}
+
 // Throws from loadImageData, as the exception row of getFrame describes.
 class ThrowingSource : public AxisVideoStreamSource {
 public:

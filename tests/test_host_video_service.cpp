@@ -13,10 +13,25 @@
 #include <opencv2/videoio.hpp>
 
 #include <chrono>
+#include <cstdio>
+#include <cstdlib>
 #include <memory>
 #include <string>
+#include <sys/resource.h>
+#include <sys/stat.h>
 #include <thread>
+#include <unistd.h>
+#include <utility>
 #include <vector>
+
+// AddressSanitizer reserves terabytes of address space for its shadow memory.
+#if defined(__SANITIZE_ADDRESS__)
+#define STEMLIB_TEST_ADDRESS_SANITIZER 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define STEMLIB_TEST_ADDRESS_SANITIZER 1
+#endif
+#endif
 
 namespace {
 
@@ -122,9 +137,6 @@ TEST(HostVdoChannel, FiltersResolutionsAndReportsBadDescriptions) {
     EXPECT_EQ(listed(), "");
 
     GError* error = nullptr;
-    camera.reload("channels = 1\nchannel.1.resolutions = 640x360, 12x\n");
-    EXPECT_EQ(vdo_channel_get_resolutions(first.get(), nullptr, &error), nullptr);
-    expectError(error, VDO_ERROR_FAILED, "\"12x\" is not a size");
     camera.reload("root.Brand.ProdShortName = No video\n");
     EXPECT_EQ(vdo_channel_get_all(&error), nullptr);
     expectError(error, VDO_ERROR_NOT_FOUND, "has no video channel");
@@ -223,6 +235,16 @@ TEST(HostVdoStream, SettingsAreCheckedAgainstTheCamera) {
     newStreamError(nullptr, VDO_ERROR_INVALID_ARGUMENT, "framerate must be 0 or from 0.001");
     camera.reload(kSmallCamera + "video.input = file:missing.mp4\n");
     newStreamError(nullptr, VDO_ERROR_NO_VIDEO, camera.folder() + "/missing.mp4 does not exist");
+    // What is there but no file is named for what it is, and never opened: a FIFO would block.
+    ASSERT_EQ(mkfifo((camera.folder() + "/pipe").c_str(), 0600), 0);
+    for (const auto& [input, kind] :
+         std::vector<std::pair<std::string, std::string>>{{camera.folder(), "a directory"},
+                                                          {camera.folder() + "/pipe", "a FIFO"},
+                                                          {"/dev/zero", "a character device"}}) {
+        camera.reload(kSmallCamera + "video.input = file:" + input + "\n");
+        newStreamError(nullptr, VDO_ERROR_NO_VIDEO,
+                       "video file " + input + " is not a regular file but " + kind);
+    }
     camera.reload(kSmallCamera + "video.input = camera\n");
     newStreamError(nullptr, VDO_ERROR_NO_VIDEO, "none of generator, file:<path>, images:<folder>");
     camera.reload(kSmallCamera + "video.input = images:.\n");
@@ -371,6 +393,133 @@ TEST(HostVdoStream, PlaysImagesInNameOrderAndVideoFilesInALoop) {
     EXPECT_LT(levels[0] + 40, levels[1]);
     EXPECT_LT(levels[1] + 40, levels[2]);
     EXPECT_NEAR(levels[3], levels[0], 2); // looped
+}
+
+TEST(HostCameraDescription, RefusesWhatNoStreamCouldUseAtItsLineAndKeepsTheCamera) {
+    HostCameraScope camera(kSmallCamera);
+    const std::string path = camera.folder() + "/hostile.txt";
+    // The message with which the description file at file is refused; "" when it is accepted.
+    auto refusal = [](const std::string& file) {
+        char* error = nullptr;
+        const bool loaded = stemlib_host_load_camera(file.c_str(), &error) == 0;
+        const std::string message = error != nullptr ? error : "";
+        std::free(error);
+        return loaded ? std::string() : message;
+    };
+    auto refusalOf = [&](const std::string& text) {
+        StemlibTest::writeWholeFile(path, text);
+        return refusal(path);
+    };
+    const std::string even = " is not an even size; a stream's width and height must be even";
+    EXPECT_EQ(refusalOf("channels = 1, 2\n# sizes\nchannel.1.resolutions = 640x360, 641x360\n"),
+              path + ":3: channel.1.resolutions: \"641x360\"" + even);
+    EXPECT_EQ(refusalOf("channel.2.resolutions = 65535x65535\n"),
+              path + ":1: channel.2.resolutions: \"65535x65535\"" + even);
+    EXPECT_EQ(refusalOf("channel.1.resolutions = 640x360, 12x\n"),
+              path + ":1: channel.1.resolutions: \"12x\" is not a size like 1920x1080");
+    for (const char* limit : {"0", "1.5", "-1", "1048577", "lots", "99999999999"}) {
+        EXPECT_EQ(refusalOf(std::string("\nvideo.memory_limit_mib = ") + limit + "\n"),
+                  path + ":2: video.memory_limit_mib: \"" + limit +
+                      "\" is not a whole number of MiB from 1 to 1048576");
+    }
+    // Files that are no description: never opened, or not read beyond the largest one.
+    EXPECT_EQ(refusal(camera.folder()),
+              camera.folder() + ": the camera description is not a regular file but a directory");
+    EXPECT_EQ(refusal("/dev/zero"),
+              "/dev/zero: the camera description is not a regular file but a character device");
+    EXPECT_EQ(refusalOf(std::string(1024 * 1024 + 1, '#')),
+              path + ": the camera description is larger than 1024 KiB");
+    // The camera in effect stayed the small one.
+    newStreamError(settingsMap(1280, 720, 0), VDO_ERROR_INVALID_ARGUMENT,
+                   "exceeds the largest resolution of channel 1, 640x360");
+
+    // The extremes that are accepted.
+    EXPECT_EQ(refusalOf("channels = 1\nchannel.1.resolutions = 65534x2, 2x65534\n"
+                        "video.memory_limit_mib = 1048576\n"),
+              "");
+}
+
+TEST(HostVdoStream, MemoryOfAStreamIsCheckedAgainstTheCameraLimitBeforeAnyIsTaken) {
+    HostCameraScope camera("channels = 1\nchannel.1.resolutions = 16384x16384\n");
+    const long frames = stemlib_host_live_objects("VdoFrame");
+    const long streams = stemlib_host_live_objects("VdoStream");
+    // 32 buffers of 384 MiB, and the generator's background with its disc tables; refused at
+    // once, with nothing made.
+    newStreamError(settingsMap(16384, 16384, 0, 32), VDO_ERROR_OOM,
+                   "a stream of 16384x16384 with 32 buffers needs 12672.1 MiB (12288.0 MiB for "
+                   "its buffers and 384.1 MiB for its generator), more than the 1024 MiB that the "
+                   "camera's video.memory_limit_mib allows a stream");
+    EXPECT_EQ(stemlib_host_live_objects("VdoFrame"), frames);
+    EXPECT_EQ(stemlib_host_live_objects("VdoStream"), streams);
+
+    // The camera sets the limit: two buffers of 640x360 and the generator fit in 1 MiB, three
+    // do not.
+    camera.reload(kSmallCamera + "video.memory_limit_mib = 1\n");
+    EXPECT_NE(openStream(settingsMap(640, 360, 0, 2)), nullptr);
+    newStreamError(settingsMap(640, 360, 0, 3), VDO_ERROR_OOM,
+                   "a stream of 640x360 with 3 buffers needs 1.4 MiB (1.0 MiB for its buffers and "
+                   "0.4 MiB for its generator), more than the 1 MiB");
+    // An image folder counts the pictures in which it fits and turns each frame.
+    ASSERT_TRUE(cv::imwrite(camera.folder() + "/a.png", cv::Mat(36, 64, CV_8UC3)));
+    camera.reload(kSmallCamera + "video.memory_limit_mib = 2\nvideo.input = images:.\n");
+    EXPECT_NE(openStream(settingsMap(640, 360, 0, 1)), nullptr);
+    newStreamError(settingsMap(640, 360, 90, 1), VDO_ERROR_OOM,
+                   "a stream of 640x360 with 1 buffer needs 2.4 MiB (0.4 MiB for its buffers and "
+                   "2.0 MiB for its image folder), more than the 2 MiB");
+}
+
+#ifndef STEMLIB_TEST_ADDRESS_SANITIZER
+// In a child process: with the address space limited to 256 MiB beyond what the process has, a
+// stream of 792 MiB that the camera's limit allows fails for want of memory, and a small stream
+// works afterwards. The outcome goes to standard error; exit status 0 when it is as it must be.
+[[noreturn]] void streamBeyondTheAddressSpace() {
+    long pages = 0;
+    if (FILE* statm = std::fopen("/proc/self/statm", "r")) {
+        if (std::fscanf(statm, "%ld", &pages) != 1) {
+            pages = 0;
+        }
+        std::fclose(statm);
+    }
+    const rlim_t size = static_cast<rlim_t>(pages) * static_cast<rlim_t>(sysconf(_SC_PAGESIZE)) +
+                        rlim_t{256} * 1024 * 1024;
+    const rlimit limit{size, size};
+    if (pages == 0 || setrlimit(RLIMIT_AS, &limit) != 0) {
+        std::fprintf(stderr, "cannot limit the address space\n");
+        std::_Exit(2);
+    }
+    const long frames = stemlib_host_live_objects("VdoFrame");
+    GError* error = nullptr;
+    VdoStream* stream = vdo_stream_new(settingsMap(4096, 4096, 0, 32).get(), nullptr, &error);
+    const bool refused = stream == nullptr && error != nullptr && error->domain == VDO_ERROR &&
+                         error->code == VDO_ERROR_OOM;
+    std::fprintf(stderr, "%s\n", error != nullptr ? error->message : "no error");
+    g_clear_error(&error);
+    GPtr<VdoStream> small(vdo_stream_new(settingsMap(640, 360, 0).get(), nullptr, nullptr));
+    const bool recovered = small && vdo_stream_start(small.get(), nullptr) &&
+                           nextFrame(small.get()) == generatorFrame(640, 360, 0, 0);
+    small.reset();
+    const bool released = stemlib_host_live_objects("VdoFrame") == frames;
+    std::fprintf(stderr, "refused %d, recovered %d, released %d\n", refused, recovered, released);
+    std::_Exit(refused && recovered && released ? 0 : 1);
+}
+#endif
+
+TEST(HostVdoStream, RunningOutOfMemoryFailsTheCallNotTheProcess) {
+#ifdef STEMLIB_TEST_ADDRESS_SANITIZER
+    GTEST_SKIP() << "AddressSanitizer reserves terabytes of address space, so the test's limit "
+                    "on it cannot be set";
+#else
+    // The child runs the test program afresh, so no thread of this process is copied into it.
+    const std::string style = GTEST_FLAG_GET(death_test_style);
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    HostCameraScope camera("channels = 1\nchannel.1.resolutions = 4096x4096\n"
+                           "video.memory_limit_mib = 4096\n");
+    EXPECT_EXIT(streamBeyondTheAddressSpace(), testing::ExitedWithCode(0),
+                "no memory for a stream of 4096x4096 with 32 buffers, which needs 792\\.1 MiB "
+                "\\(768\\.0 MiB for its buffers and 24\\.1 MiB for its generator\\)\n"
+                "refused 1, recovered 1, released 1");
+    GTEST_FLAG_SET(death_test_style, style);
+#endif
 }
 
 } // namespace

@@ -76,6 +76,12 @@ void fillPairs(std::uint8_t* line, std::size_t count, std::uint8_t u, std::uint8
 
 } // namespace
 
+std::size_t FrameGenerator::memoryBytes(std::uint32_t width, std::uint32_t height) {
+    const std::size_t luma = std::size_t{width} * height;
+    const auto radius = static_cast<std::size_t>(evenAtLeast2(std::min(width, height) / 12));
+    return luma + luma / 2 + 3 * radius * sizeof(int);
+}
+
 FrameGenerator::FrameGenerator(std::uint32_t width, std::uint32_t height, std::uint32_t rotation)
     : _width(width), _height(height), _rotation(rotation) {
     if (width < 2 || height < 2 || width > 65534 || height > 65534 || width % 2 != 0 ||

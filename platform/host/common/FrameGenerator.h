@@ -53,6 +53,10 @@ public:
     // std::invalid_argument otherwise.
     FrameGenerator(std::uint32_t width, std::uint32_t height, std::uint32_t rotation);
 
+    // The bytes that a generator of this size holds, known before any is allocated: its
+    // background picture and the disc's tables.
+    static std::size_t memoryBytes(std::uint32_t width, std::uint32_t height);
+
     // Size of the delivered picture: width by height turned by rotation.
     std::uint32_t outputWidth() const { return _outWidth; }
     std::uint32_t outputHeight() const { return _outHeight; }

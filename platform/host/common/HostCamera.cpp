@@ -15,6 +15,8 @@
 #include <mutex>
 #include <sstream>
 #include <stdexcept>
+#include <sys/stat.h>
+#include <unordered_map>
 
 namespace stemlib_host {
 
@@ -42,6 +44,9 @@ video.input = generator
 # Frames per second of the input; 0 delivers frames as fast as they can be made.
 video.framerate = 0
 
+# The most memory that one stream may hold, its buffers and its input together, in MiB.
+video.memory_limit_mib = 1024
+
 # Lens focal length in microns, answered by the optics service.
 optics.focal_length_um = 4000
 
@@ -65,6 +70,42 @@ public:
     using std::runtime_error::runtime_error;
 };
 
+// A description is a few dozen lines; anything far larger is not one, and is not read whole.
+constexpr std::size_t kMaxDescriptionBytes = 1024 * 1024;
+
+bool isChannelResolutionsKey(const std::string& key) {
+    const std::string suffix = ".resolutions";
+    return key.size() > 8 + suffix.size() && key.compare(0, 8, "channel.") == 0 &&
+           key.compare(key.size() - suffix.size(), suffix.size(), suffix) == 0;
+}
+
+// What is wrong with the value of a key whose form the reader knows, or "" when nothing is.
+// Channel sizes must be even, as every stream needs them, and the memory limit a whole number.
+std::string valueProblem(const std::string& key, const std::string& value) {
+    if (isChannelResolutionsKey(key)) {
+        for (const std::string& item : splitList(value)) {
+            std::uint32_t width = 0;
+            std::uint32_t height = 0;
+            if (!parseSize(item, width, height)) {
+                return key + ": \"" + item + "\" is not a size like 1920x1080";
+            }
+            if (width % 2 != 0 || height % 2 != 0) {
+                return key + ": \"" + item + "\" is not an even size; a stream's width and " +
+                       "height must be even";
+            }
+        }
+    } else if (key == "video.memory_limit_mib") {
+        const bool digits = !value.empty() && value.size() <= 10 &&
+                            value.find_first_not_of("0123456789") == std::string::npos;
+        const unsigned long long mib = digits ? std::strtoull(value.c_str(), nullptr, 10) : 0;
+        if (mib < 1 || mib > kMaxStreamMemoryMiB) {
+            return key + ": \"" + value + "\" is not a whole number of MiB from 1 to " +
+                   std::to_string(kMaxStreamMemoryMiB);
+        }
+    }
+    return std::string();
+}
+
 // The path with symbolic links and relative parts resolved, or the path itself when it cannot be.
 std::string absolutePath(const std::string& path) {
     char absolute[PATH_MAX];
@@ -76,6 +117,7 @@ CameraDescription parseCameraDescription(const std::string& text, const std::str
     CameraDescription description;
     description.origin = origin;
     description.directory = directory;
+    std::unordered_map<std::string, std::size_t> positions; // of each key in entries
     std::istringstream lines(text);
     std::string line;
     int lineNumber = 0;
@@ -95,34 +137,52 @@ CameraDescription parseCameraDescription(const std::string& text, const std::str
             throw DescriptionError(origin + ":" + std::to_string(lineNumber) + ": empty key");
         }
         const std::string value = trim(content.substr(equals + 1));
-        bool replaced = false;
-        for (auto& entry : description.entries) {
-            if (entry.first == key) {
-                entry.second = value;
-                replaced = true;
-            }
+        const std::string problem = valueProblem(key, value);
+        if (!problem.empty()) {
+            throw DescriptionError(origin + ":" + std::to_string(lineNumber) + ": " + problem);
         }
-        if (!replaced) {
+        // Indexed, so that a description of many keys is read in linear time.
+        const auto found = positions.emplace(key, description.entries.size());
+        if (found.second) {
             description.entries.emplace_back(key, value);
+        } else {
+            description.entries[found.first->second].second = value;
         }
     }
     return description;
 }
 
 CameraDescription loadCameraDescriptionFile(const std::string& path) {
+    // Looked at before opening: opening a FIFO would wait for a writer, and reading a device such
+    // as /dev/zero would never end.
+    struct stat info {};
+    if (stat(path.c_str(), &info) != 0) {
+        const int problem = errno;
+        throw DescriptionError(path +
+                               ": cannot open the camera description: " + std::strerror(problem));
+    }
+    if (!S_ISREG(info.st_mode)) {
+        throw DescriptionError(path + ": the camera description is not a regular file but " +
+                               fileTypeName(info.st_mode));
+    }
     std::ifstream file(path, std::ios::binary);
     if (!file) {
         throw DescriptionError(path +
                                ": cannot open the camera description: " + std::strerror(errno));
     }
-    std::ostringstream text;
-    text << file.rdbuf();
+    std::string text(kMaxDescriptionBytes + 1, '\0');
+    file.read(text.data(), static_cast<std::streamsize>(text.size()));
+    text.resize(static_cast<std::size_t>(file.gcount()));
+    if (text.size() > kMaxDescriptionBytes) {
+        throw DescriptionError(path + ": the camera description is larger than " +
+                               std::to_string(kMaxDescriptionBytes / 1024) + " KiB");
+    }
     // Relative file names in values are taken from the description's own folder, made absolute
     // so that a later change of the working directory does not matter.
     const std::string fullPath = absolutePath(path);
     const std::size_t slash = fullPath.rfind('/');
     const std::string directory = slash == std::string::npos ? "." : fullPath.substr(0, slash);
-    return parseCameraDescription(text.str(), path, directory.empty() ? "/" : directory);
+    return parseCameraDescription(text, path, directory.empty() ? "/" : directory);
 }
 
 std::shared_ptr<const CameraDescription> defaultCamera() {
@@ -290,6 +350,30 @@ bool parseSize(const std::string& text, std::uint32_t& width, std::uint32_t& hei
     width = static_cast<std::uint32_t>(w);
     height = static_cast<std::uint32_t>(h);
     return true;
+}
+
+const char* fileTypeName(unsigned int mode) {
+    switch (mode & S_IFMT) {
+    case S_IFDIR:
+        return "a directory";
+    case S_IFIFO:
+        return "a FIFO";
+    case S_IFCHR:
+        return "a character device";
+    case S_IFBLK:
+        return "a block device";
+    case S_IFSOCK:
+        return "a socket";
+    default:
+        return "a special file";
+    }
+}
+
+std::uint64_t streamMemoryLimit(const CameraDescription& camera) {
+    // The value was checked when the description was read.
+    const std::optional<std::string> text = camera.get("video.memory_limit_mib");
+    const std::uint64_t mib = text ? std::strtoull(text->c_str(), nullptr, 10) : 0;
+    return (mib != 0 ? mib : kDefaultStreamMemoryMiB) * 1024 * 1024;
 }
 
 } // namespace stemlib_host

@@ -4,7 +4,9 @@
 // '#' are ignored, and blanks around key and value are dropped. Keys are case-sensitive; a key
 // given twice keeps its last value. The format is documented in the README ("The camera on a
 // PC"). Keys starting with "root." are the camera's parameters; the other keys are read by the
-// stand-in they concern (HostCamera.cpp's built-in default camera shows all of them).
+// stand-in they concern (HostCamera.cpp's built-in default camera shows all of them). The values
+// of "channel.<n>.resolutions" and "video.memory_limit_mib" are checked as the file is read, so
+// that a size no stream could use is refused at its line.
 //
 // The description in effect is process-wide: loaded once from STEMLIB_HOST_CAMERA (or the
 // built-in default), replaceable with stemlib_host_load_camera. Readers get an immutable
@@ -54,5 +56,16 @@ void countObject(ObjectKind kind, int delta);
 std::vector<std::string> splitList(const std::string& value);
 // Parses "1920x1080"; false when the text is not two positive numbers joined by 'x'.
 bool parseSize(const std::string& text, std::uint32_t& width, std::uint32_t& height);
+
+// What a file of this stat mode is when it is not a regular file, for messages: "a directory",
+// "a FIFO", "a character device", "a block device", "a socket" or "a special file".
+const char* fileTypeName(unsigned int mode);
+
+// The most memory, in bytes, that one stream of the video service may hold (its ring of buffers
+// and its input together): "video.memory_limit_mib" MiB, checked when the description is read,
+// or kDefaultStreamMemoryMiB.
+constexpr std::uint64_t kDefaultStreamMemoryMiB = 1024;
+constexpr std::uint64_t kMaxStreamMemoryMiB = 1024 * 1024;
+std::uint64_t streamMemoryLimit(const CameraDescription& camera);
 
 } // namespace stemlib_host

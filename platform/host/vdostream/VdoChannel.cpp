@@ -129,9 +129,7 @@ bool parseRatio(const char* text, unsigned long& a, unsigned long& b) {
            b > 0;
 }
 
-} // namespace
-
-GList* vdo_channel_get_all(GError** error) {
+GList* allChannels(GError** error) {
     using namespace stemlib_host;
     if (injectedVdoFailure("vdo_channel_get_all", error)) {
         return nullptr;
@@ -147,7 +145,16 @@ GList* vdo_channel_get_all(GError** error) {
     return g_list_reverse(list);
 }
 
-VdoChannel* vdo_channel_get(guint channel_nbr, GError** error) {
+} // namespace
+
+GList* vdo_channel_get_all(GError** error) {
+    return stemlib_host::guardedCall("vdo_channel_get_all", static_cast<GList*>(nullptr), error,
+                                     [&] { return allChannels(error); });
+}
+
+namespace {
+
+VdoChannel* channelOf(guint channel_nbr, GError** error) {
     using namespace stemlib_host;
     if (injectedVdoFailure("vdo_channel_get", error)) {
         return nullptr;
@@ -164,12 +171,21 @@ VdoChannel* vdo_channel_get(guint channel_nbr, GError** error) {
     return newChannel(channel_nbr);
 }
 
+} // namespace
+
+VdoChannel* vdo_channel_get(guint channel_nbr, GError** error) {
+    return stemlib_host::guardedCall("vdo_channel_get", static_cast<VdoChannel*>(nullptr), error,
+                                     [&] { return channelOf(channel_nbr, error); });
+}
+
 guint vdo_channel_get_id(VdoChannel* self) {
     g_return_val_if_fail(VDO_IS_CHANNEL(self), 0);
     return self->id;
 }
 
-VdoResolutionSet* vdo_channel_get_resolutions(VdoChannel* self, VdoMap* filter, GError** error) {
+namespace {
+
+VdoResolutionSet* resolutionsOf(VdoChannel* self, VdoMap* filter, GError** error) {
     using namespace stemlib_host;
     if (!VDO_IS_CHANNEL(self)) {
         setVdoError(error, VDO_ERROR_INVALID_ARGUMENT, "not a channel");
@@ -216,4 +232,12 @@ VdoResolutionSet* vdo_channel_get_resolutions(VdoChannel* self, VdoMap* filter, 
         set->resolutions[i].height = resolutions[i].height;
     }
     return set;
+}
+
+} // namespace
+
+VdoResolutionSet* vdo_channel_get_resolutions(VdoChannel* self, VdoMap* filter, GError** error) {
+    return stemlib_host::guardedCall("vdo_channel_get_resolutions",
+                                     static_cast<VdoResolutionSet*>(nullptr), error,
+                                     [&] { return resolutionsOf(self, filter, error); });
 }

@@ -26,7 +26,12 @@ static void vdo_frame_class_init(VdoFrameClass* klass) {
 }
 
 static void vdo_frame_init(VdoFrame* self) {
-    self->slot = std::make_unique<stemlib_host::FrameSlot>().release();
+    // No exception may pass through GObject's C code: out of memory ends the process here, as in
+    // GLib's own allocations. The frame's pixels are allocated later, where failure is reported.
+    self->slot = new (std::nothrow) stemlib_host::FrameSlot();
+    if (self->slot == nullptr) {
+        g_error("VdoFrame: out of memory");
+    }
     stemlib_host::countObject(stemlib_host::ObjectKind::Frame, 1);
 }
 
@@ -39,7 +44,12 @@ namespace stemlib_host {
 VdoFrame* newRingFrame(gsize capacity, guint id, const void* owner, VdoBufferFinalizer fin) {
     VdoFrame* frame = VDO_FRAME(g_object_new(VDO_TYPE_FRAME, nullptr));
     FrameSlot& slot = *frame->slot;
-    slot.data.resize(capacity);
+    try {
+        slot.data.resize(capacity);
+    } catch (...) {
+        g_object_unref(frame);
+        throw;
+    }
     slot.size = capacity;
     slot.id = id;
     slot.owner = owner;

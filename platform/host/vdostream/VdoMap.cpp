@@ -1,5 +1,6 @@
 // VdoMap: named, typed values.
 #include "HostCamera.h"
+#include "VdoInternal.h"
 
 #include <vdo-map.h>
 
@@ -9,6 +10,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <variant>
 
 namespace {
@@ -16,7 +18,8 @@ namespace {
 using Value = std::variant<guint32, gint32, gdouble, bool, std::string>;
 
 struct MapImpl {
-    std::map<std::string, Value> entries;
+    // Transparent comparison: looking a name up allocates nothing.
+    std::map<std::string, Value, std::less<>> entries;
 };
 
 // Converts any numeric entry to T, saturating at T's range; NaN gives 0.
@@ -71,7 +74,12 @@ static void vdo_map_class_init(VdoMapClass* klass) {
 }
 
 static void vdo_map_init(VdoMap* self) {
-    self->impl = std::make_unique<MapImpl>().release();
+    // No exception may pass through GObject's C code: out of memory ends the process here, as in
+    // GLib's own allocations.
+    self->impl = new (std::nothrow) MapImpl();
+    if (self->impl == nullptr) {
+        g_error("VdoMap: out of memory");
+    }
     stemlib_host::countObject(stemlib_host::ObjectKind::Map, 1);
 }
 
@@ -81,14 +89,15 @@ const Value* find(const VdoMap* self, const gchar* name) {
     if (self == nullptr || name == nullptr) {
         return nullptr;
     }
-    const auto found = self->impl->entries.find(name);
+    const auto found = self->impl->entries.find(std::string_view(name));
     return found == self->impl->entries.end() ? nullptr : &found->second;
 }
 
 void store(VdoMap* self, const gchar* name, Value value) {
     g_return_if_fail(VDO_IS_MAP(self));
     g_return_if_fail(name != nullptr);
-    self->impl->entries[name] = std::move(value);
+    stemlib_host::abortingCall("vdo_map_set",
+                               [&] { self->impl->entries[name] = std::move(value); });
 }
 
 template <typename T>
@@ -114,7 +123,10 @@ gboolean vdo_map_contains(const VdoMap* self, const gchar* name) {
 void vdo_map_remove(VdoMap* self, const gchar* name) {
     g_return_if_fail(VDO_IS_MAP(self));
     if (name != nullptr) {
-        self->impl->entries.erase(name);
+        const auto found = self->impl->entries.find(std::string_view(name));
+        if (found != self->impl->entries.end()) {
+            self->impl->entries.erase(found);
+        }
     }
 }
 
@@ -165,7 +177,8 @@ gboolean vdo_map_get_boolean(const VdoMap* self, const gchar* name, gboolean def
 
 void vdo_map_set_string(VdoMap* self, const gchar* name, const gchar* value) {
     g_return_if_fail(value != nullptr);
-    store(self, name, Value(std::string(value)));
+    stemlib_host::abortingCall("vdo_map_set_string",
+                               [&] { store(self, name, Value(std::string(value))); });
 }
 
 const gchar* vdo_map_get_string(const VdoMap* self, const gchar* name, gsize* size,

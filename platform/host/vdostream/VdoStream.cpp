@@ -21,6 +21,8 @@ constexpr double kMaxFramerate = 1000.0;
 // One frame in 1000 seconds at the slowest: a frame's due time stays within the clock's range.
 constexpr double kMinFramerate = 0.001;
 
+using stemlib_host::InputLayout;
+
 struct StreamSettings {
     guint32 channel = 0;
     guint32 width = 0;
@@ -30,6 +32,7 @@ struct StreamSettings {
     guint32 bufferCount = kDefaultBufferCount;
     bool crop = true;
 
+    InputLayout layout() const { return InputLayout{width, height, rotation, crop}; }
     guint32 outWidth() const { return rotation == 90 || rotation == 270 ? height : width; }
     guint32 outHeight() const { return rotation == 90 || rotation == 270 ? width : height; }
     gsize frameSize() const { return gsize{width} * height + gsize{width} * height / 2; }
@@ -224,7 +227,12 @@ static void vdo_stream_class_init(VdoStreamClass* klass) {
 }
 
 static void vdo_stream_init(VdoStream* self) {
-    self->impl = std::make_unique<StreamImpl>().release();
+    // No exception may pass through GObject's C code: out of memory ends the process here, as in
+    // GLib's own allocations.
+    self->impl = new (std::nothrow) StreamImpl();
+    if (self->impl == nullptr) {
+        g_error("VdoStream: out of memory");
+    }
     stemlib_host::countObject(stemlib_host::ObjectKind::Stream, 1);
 }
 
@@ -240,9 +248,72 @@ bool admitted(VdoStream* self, const char* call, GError** error) {
     return !stemlib_host::injectedVdoFailure(call, error);
 }
 
-} // namespace
+// Bytes as MiB with one decimal, rounded up, so that a size is never understated.
+std::string mebibytes(std::uint64_t bytes) {
+    constexpr std::uint64_t kMiB = 1024 * 1024;
+    const std::uint64_t tenths = (bytes * 10 + kMiB - 1) / kMiB;
+    return std::to_string(tenths / 10) + "." + std::to_string(tenths % 10) + " MiB";
+}
 
-VdoStream* vdo_stream_new(VdoMap* settings, VdoBufferFinalizer fin, GError** error) {
+// Opens a stream with settings that readSettings accepted, within the camera's memory limit.
+VdoStream* newStream(const StreamSettings& parsed, const stemlib_host::CameraDescription& camera,
+                     VdoBufferFinalizer fin, GError** error) {
+    using namespace stemlib_host;
+    // The memory is checked before any is taken: a stream that cannot have it is refused at
+    // once, not after minutes of drawing or an exhausted address space.
+    const std::uint64_t ringBytes = std::uint64_t{parsed.bufferCount} * parsed.frameSize();
+    const std::uint64_t inputBytes = videoInputBytes(camera, parsed.layout());
+    const std::uint64_t limit = streamMemoryLimit(camera);
+    const std::string stream = "a stream of " + std::to_string(parsed.width) + "x" +
+                               std::to_string(parsed.height) + " with " +
+                               std::to_string(parsed.bufferCount) +
+                               (parsed.bufferCount == 1 ? " buffer" : " buffers");
+    const std::string need = mebibytes(ringBytes + inputBytes) + " (" + mebibytes(ringBytes) +
+                             " for its buffers and " + mebibytes(inputBytes) + " for its " +
+                             videoInputName(camera) + ")";
+    if (ringBytes + inputBytes > limit) {
+        setVdoError(error, VDO_ERROR_OOM,
+                    stream + " needs " + need + ", more than the " +
+                        std::to_string(limit / (1024 * 1024)) +
+                        " MiB that the camera's video.memory_limit_mib allows a stream");
+        return nullptr;
+    }
+    auto noMemory = [&] {
+        setVdoError(error, VDO_ERROR_OOM, "no memory for " + stream + ", which needs " + need);
+        return nullptr;
+    };
+    std::unique_ptr<VideoInput> input;
+    try {
+        input = makeVideoInput(camera, parsed.layout(), limit - ringBytes - inputBytes);
+    } catch (const std::bad_alloc&) {
+        return noMemory();
+    } catch (const std::exception& e) {
+        setVdoError(error, VDO_ERROR_NO_VIDEO, e.what());
+        return nullptr;
+    }
+    try {
+        // Released, with the buffers made so far, when a buffer cannot be had.
+        std::unique_ptr<VdoStream, decltype(&g_object_unref)> made(
+            VDO_STREAM(g_object_new(VDO_TYPE_STREAM, nullptr)), &g_object_unref);
+        StreamImpl& impl = *made->impl;
+        impl.settings = parsed;
+        impl.input = std::move(input);
+        impl.ring.reserve(parsed.bufferCount);
+        for (guint i = 0; i < parsed.bufferCount; ++i) {
+            VdoFrame* frame = newRingFrame(parsed.frameSize(), i, &impl, fin);
+            // The ring keeps a toggle reference, so that it learns when the application lets
+            // go.
+            g_object_add_toggle_ref(G_OBJECT(frame), onToggle, nullptr);
+            g_object_unref(frame);
+            impl.ring.push_back(frame);
+        }
+        return made.release();
+    } catch (const std::bad_alloc&) {
+        return noMemory();
+    }
+}
+
+VdoStream* openStream(VdoMap* settings, VdoBufferFinalizer fin, GError** error) {
     using namespace stemlib_host;
     if (settings != nullptr && !VDO_IS_MAP(settings)) {
         setVdoError(error, VDO_ERROR_INVALID_ARGUMENT, "settings is not a VdoMap");
@@ -256,30 +327,19 @@ VdoStream* vdo_stream_new(VdoMap* settings, VdoBufferFinalizer fin, GError** err
     if (!readSettings(settings, *description, parsed, error)) {
         return nullptr;
     }
-    std::unique_ptr<VideoInput> input;
-    try {
-        input = makeVideoInput(
-            *description, InputLayout{parsed.width, parsed.height, parsed.rotation, parsed.crop});
-    } catch (const std::exception& e) {
-        setVdoError(error, VDO_ERROR_NO_VIDEO, e.what());
-        return nullptr;
-    }
-
-    VdoStream* stream = VDO_STREAM(g_object_new(VDO_TYPE_STREAM, nullptr));
-    StreamImpl& impl = *stream->impl;
-    impl.settings = parsed;
-    impl.input = std::move(input);
-    for (guint i = 0; i < parsed.bufferCount; ++i) {
-        VdoFrame* frame = newRingFrame(parsed.frameSize(), i, &impl, fin);
-        // The ring keeps a toggle reference, so that it learns when the application lets go.
-        g_object_add_toggle_ref(G_OBJECT(frame), onToggle, nullptr);
-        g_object_unref(frame);
-        impl.ring.push_back(frame);
-    }
-    return stream;
+    return newStream(parsed, *description, fin, error);
 }
 
-gboolean vdo_stream_attach(VdoStream* self, VdoMap* intent, GError** error) {
+} // namespace
+
+VdoStream* vdo_stream_new(VdoMap* settings, VdoBufferFinalizer fin, GError** error) {
+    return stemlib_host::guardedCall("vdo_stream_new", static_cast<VdoStream*>(nullptr), error,
+                                     [&] { return openStream(settings, fin, error); });
+}
+
+namespace {
+
+gboolean attach(VdoStream* self, VdoMap* intent, GError** error) {
     using namespace stemlib_host;
     if (!VDO_IS_STREAM(self) || (intent != nullptr && !VDO_IS_MAP(intent))) {
         setVdoError(error, VDO_ERROR_INVALID_ARGUMENT, "not a stream or not a VdoMap");
@@ -288,7 +348,16 @@ gboolean vdo_stream_attach(VdoStream* self, VdoMap* intent, GError** error) {
     return injectedVdoFailure("vdo_stream_attach", error) ? FALSE : TRUE;
 }
 
-VdoMap* vdo_stream_get_settings(VdoStream* self, GError** error) {
+} // namespace
+
+gboolean vdo_stream_attach(VdoStream* self, VdoMap* intent, GError** error) {
+    return stemlib_host::guardedCall("vdo_stream_attach", gboolean{FALSE}, error,
+                                     [&] { return attach(self, intent, error); });
+}
+
+namespace {
+
+VdoMap* settingsOf(VdoStream* self, GError** error) {
     if (!admitted(self, "vdo_stream_get_settings", error)) {
         return nullptr;
     }
@@ -305,7 +374,16 @@ VdoMap* vdo_stream_get_settings(VdoStream* self, GError** error) {
     return map;
 }
 
-VdoMap* vdo_stream_get_info(VdoStream* self, GError** error) {
+} // namespace
+
+VdoMap* vdo_stream_get_settings(VdoStream* self, GError** error) {
+    return stemlib_host::guardedCall("vdo_stream_get_settings", static_cast<VdoMap*>(nullptr),
+                                     error, [&] { return settingsOf(self, error); });
+}
+
+namespace {
+
+VdoMap* infoOf(VdoStream* self, GError** error) {
     if (!admitted(self, "vdo_stream_get_info", error)) {
         return nullptr;
     }
@@ -321,7 +399,16 @@ VdoMap* vdo_stream_get_info(VdoStream* self, GError** error) {
     return map;
 }
 
-gboolean vdo_stream_start(VdoStream* self, GError** error) {
+} // namespace
+
+VdoMap* vdo_stream_get_info(VdoStream* self, GError** error) {
+    return stemlib_host::guardedCall("vdo_stream_get_info", static_cast<VdoMap*>(nullptr), error,
+                                     [&] { return infoOf(self, error); });
+}
+
+namespace {
+
+gboolean start(VdoStream* self, GError** error) {
     if (!admitted(self, "vdo_stream_start", error)) {
         return FALSE;
     }
@@ -335,6 +422,13 @@ gboolean vdo_stream_start(VdoStream* self, GError** error) {
     return TRUE;
 }
 
+} // namespace
+
+gboolean vdo_stream_start(VdoStream* self, GError** error) {
+    return stemlib_host::guardedCall("vdo_stream_start", gboolean{FALSE}, error,
+                                     [&] { return start(self, error); });
+}
+
 void vdo_stream_stop(VdoStream* self) {
     g_return_if_fail(VDO_IS_STREAM(self));
     StreamImpl& impl = *self->impl;
@@ -345,7 +439,9 @@ void vdo_stream_stop(VdoStream* self) {
     impl.wake.notify_all();
 }
 
-VdoBuffer* vdo_stream_get_buffer(VdoStream* self, GError** error) {
+namespace {
+
+VdoBuffer* nextBuffer(VdoStream* self, GError** error) {
     using namespace stemlib_host;
     if (!admitted(self, "vdo_stream_get_buffer", error)) {
         return nullptr;
@@ -393,7 +489,16 @@ VdoBuffer* vdo_stream_get_buffer(VdoStream* self, GError** error) {
     }
     FrameSlot& slot = frameSlot(frame);
     std::string problem;
-    if (!impl.input->produce(sequence, slot.data.data(), slot.damage, problem)) {
+    bool produced = false;
+    try {
+        produced = impl.input->produce(sequence, slot.data.data(), slot.damage, problem);
+    } catch (...) {
+        // The buffer goes back to the ring, to be drawn whole the next time; the call fails.
+        slot.damage.valid = false;
+        slot.inUse.store(false);
+        throw;
+    }
+    if (!produced) {
         slot.inUse.store(false);
         setVdoError(error, VDO_ERROR_IO, problem);
         return nullptr;
@@ -407,7 +512,16 @@ VdoBuffer* vdo_stream_get_buffer(VdoStream* self, GError** error) {
     return frame;
 }
 
-gboolean vdo_stream_buffer_unref(VdoStream* self, VdoBuffer** buffer, GError** error) {
+} // namespace
+
+VdoBuffer* vdo_stream_get_buffer(VdoStream* self, GError** error) {
+    return stemlib_host::guardedCall("vdo_stream_get_buffer", static_cast<VdoBuffer*>(nullptr),
+                                     error, [&] { return nextBuffer(self, error); });
+}
+
+namespace {
+
+gboolean giveBack(VdoStream* self, VdoBuffer** buffer, GError** error) {
     using namespace stemlib_host;
     if (!VDO_IS_STREAM(self) || buffer == nullptr || !VDO_IS_FRAME(*buffer)) {
         setVdoError(error, VDO_ERROR_INVALID_ARGUMENT, "not a stream or not a buffer");
@@ -429,4 +543,11 @@ gboolean vdo_stream_buffer_unref(VdoStream* self, VdoBuffer** buffer, GError** e
     *buffer = nullptr;
     g_object_unref(released);
     return TRUE;
+}
+
+} // namespace
+
+gboolean vdo_stream_buffer_unref(VdoStream* self, VdoBuffer** buffer, GError** error) {
+    return stemlib_host::guardedCall("vdo_stream_buffer_unref", gboolean{FALSE}, error,
+                                     [&] { return giveBack(self, buffer, error); });
 }

@@ -37,9 +37,18 @@ class VideoFileInput : public VideoInput {
 public:
     VideoFileInput(std::string path, const InputLayout& layout)
         : _path(std::move(path)), _layout(layout) {
+        // Looked at before OpenCV opens it: a FIFO would block and a device never end.
         struct stat info {};
-        if (stat(_path.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) {
-            throw std::runtime_error("video file " + _path + " does not exist");
+        if (stat(_path.c_str(), &info) != 0) {
+            const int problem = errno;
+            throw std::runtime_error(
+                "video file " + _path +
+                (problem == ENOENT ? std::string(" does not exist")
+                                   : " cannot be read: " + std::string(std::strerror(problem))));
+        }
+        if (!S_ISREG(info.st_mode)) {
+            throw std::runtime_error("video file " + _path + " is not a regular file but " +
+                                     fileTypeName(info.st_mode));
         }
         if (!open() || !_capture.read(_frame) || _frame.empty()) {
             throw std::runtime_error("video file " + _path + " has no frame that OpenCV can read");
@@ -89,10 +98,11 @@ private:
 };
 
 // Shows the images of a folder in name order, one a frame, in a loop. Converted frames are kept
-// in memory up to kCacheBytes in all; beyond that each frame is read from its file again.
+// in memory while they fit in the stream's allowance and in kCacheBytes; beyond that each frame is
+// read from its file again.
 class ImageFolderInput : public VideoInput {
 public:
-    ImageFolderInput(std::string folder, const InputLayout& layout)
+    ImageFolderInput(std::string folder, const InputLayout& layout, std::uint64_t cacheBytes)
         : _folder(std::move(folder)), _layout(layout) {
         DIR* directory = opendir(_folder.c_str());
         if (directory == nullptr) {
@@ -118,7 +128,7 @@ public:
         }
         const std::size_t frameBytes = std::size_t{layout.width} * layout.height +
                                        std::size_t{layout.width} * layout.height / 2;
-        _cached = _files.size() * frameBytes <= kCacheBytes;
+        _cached = _files.size() * frameBytes <= std::min<std::uint64_t>(kCacheBytes, cacheBytes);
         if (_cached) {
             _frames.resize(_files.size());
             for (std::size_t i = 0; i < _files.size(); ++i) {
@@ -171,20 +181,80 @@ private:
 
 } // namespace
 
-std::unique_ptr<VideoInput> makeVideoInput(const CameraDescription& camera,
-                                           const InputLayout& layout) {
-    const std::string spec = camera.getOr("video.input", "generator");
+namespace {
+
+enum class InputKind { Generator, File, Images, Unknown };
+
+// The kind of input that spec names, and the path after its prefix.
+InputKind inputKind(const std::string& spec, std::string& path) {
     if (spec == "generator") {
-        return std::make_unique<GeneratorInput>(layout);
+        return InputKind::Generator;
     }
     if (spec.compare(0, 5, "file:") == 0 && spec.size() > 5) {
-        return std::make_unique<VideoFileInput>(camera.resolvePath(spec.substr(5)), layout);
+        path = spec.substr(5);
+        return InputKind::File;
     }
     if (spec.compare(0, 7, "images:") == 0 && spec.size() > 7) {
-        return std::make_unique<ImageFolderInput>(camera.resolvePath(spec.substr(7)), layout);
+        path = spec.substr(7);
+        return InputKind::Images;
+    }
+    return InputKind::Unknown;
+}
+
+} // namespace
+
+std::unique_ptr<VideoInput> makeVideoInput(const CameraDescription& camera,
+                                           const InputLayout& layout, std::uint64_t cacheBytes) {
+    const std::string spec = camera.getOr("video.input", "generator");
+    std::string path;
+    switch (inputKind(spec, path)) {
+    case InputKind::Generator:
+        return std::make_unique<GeneratorInput>(layout);
+    case InputKind::File:
+        return std::make_unique<VideoFileInput>(camera.resolvePath(path), layout);
+    case InputKind::Images:
+        return std::make_unique<ImageFolderInput>(camera.resolvePath(path), layout, cacheBytes);
+    case InputKind::Unknown:
+        break;
     }
     throw std::runtime_error("video.input \"" + spec +
                              "\" is none of generator, file:<path>, images:<folder>");
+}
+
+std::uint64_t videoInputBytes(const CameraDescription& camera, const InputLayout& layout) {
+    std::string path;
+    const InputKind kind = inputKind(camera.getOr("video.input", "generator"), path);
+    const std::uint64_t pixels = std::uint64_t{layout.width} * layout.height;
+    switch (kind) {
+    case InputKind::Generator:
+        return FrameGenerator::memoryBytes(layout.width, layout.height);
+    case InputKind::File:
+    case InputKind::Images: {
+        // The fitted blue-first picture, its turned copy, and the I420 one; a folder also reads
+        // one frame whole to probe it when it does not keep them all.
+        const std::uint64_t turned = layout.rotation != 0 ? pixels * 3 : 0;
+        const std::uint64_t probe = kind == InputKind::Images ? pixels * 3 / 2 : 0;
+        return pixels * 3 + turned + pixels * 3 / 2 + probe;
+    }
+    case InputKind::Unknown:
+        break;
+    }
+    return 0;
+}
+
+const char* videoInputName(const CameraDescription& camera) {
+    std::string path;
+    switch (inputKind(camera.getOr("video.input", "generator"), path)) {
+    case InputKind::Generator:
+        return "generator";
+    case InputKind::File:
+        return "video file";
+    case InputKind::Images:
+        return "image folder";
+    case InputKind::Unknown:
+        break;
+    }
+    return "input";
 }
 
 void pictureToNv12(const cv::Mat& bgr, const InputLayout& layout, ConversionScratch& scratch,

@@ -32,10 +32,20 @@ public:
 };
 
 // The input that the camera's video.input names: "generator" (the default), "file:<path>" or
-// "images:<folder>", relative paths being taken from the description's folder. Throws
-// std::runtime_error with a clear text when the input is unknown or has no frame.
+// "images:<folder>", relative paths being taken from the description's folder. An image folder
+// keeps its converted frames in memory when they fit in cacheBytes (and in 128 MiB). Throws
+// std::runtime_error with a clear text when the input is unknown or has no frame, and
+// std::bad_alloc when memory runs out.
 std::unique_ptr<VideoInput> makeVideoInput(const CameraDescription& camera,
-                                           const InputLayout& layout);
+                                           const InputLayout& layout, std::uint64_t cacheBytes);
+
+// What the input that makeVideoInput would make holds at this layout, known before anything is
+// allocated: the generator's background, or the pictures in which a file or folder input fits
+// and converts each frame (an image folder's cache aside). Not counted is the picture that a
+// decoder delivers at the file's own size. 0 for an unknown input, which makeVideoInput refuses.
+std::uint64_t videoInputBytes(const CameraDescription& camera, const InputLayout& layout);
+// What the input is, for messages: "generator", "video file" or "image folder".
+const char* videoInputName(const CameraDescription& camera);
 
 // Fits a blue-first 8-bit picture to the layout and writes it as NV12. scratch avoids
 // allocations from frame to frame.
