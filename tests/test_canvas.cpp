@@ -310,11 +310,6 @@ TEST(CairoCanvas, MeasuresAndPlacesTextInInputCoordinates) {
     ASSERT_GT(extents.width, 60.0);
     EXPECT_EQ(canvas.getTextSize("Hello"), Resolution(static_cast<unsigned>(extents.width / 3.0),
                                                       static_cast<unsigned>(extents.height / 3.0)));
-    ImageSurface same(400, 200);
-    CairoCanvas oneToOne(same.context(), 400, 200);
-    cairo_text_extents(same.context(), "Hello", &extents);
-    EXPECT_EQ(oneToOne.getTextSize("Hello"), Resolution(static_cast<unsigned>(extents.width),
-                                                        static_cast<unsigned>(extents.height)));
 
     // The baseline starts at the mapped point: (100, 200) -> (300, 601), font size 32.
     canvas.draw("H", 100, 200, PaletteColors::White, 1.0f);

@@ -107,19 +107,15 @@ public:
                     static_cast<int>((value >> 8) & 0xff), static_cast<int>(value & 0xff)};
     }
 
-    // The number of pixels for which test holds, in the rectangle [x0, x1) by [y0, y1), or in
-    // the whole surface.
-    int count(const std::function<bool(const Argb&)>& test, int x0, int y0, int x1, int y1) const {
+    // The number of pixels for which test holds.
+    int count(const std::function<bool(const Argb&)>& test) const {
         int n = 0;
-        for (int y = y0; y < y1; ++y) {
-            for (int x = x0; x < x1; ++x) {
+        for (int y = 0; y < height(); ++y) {
+            for (int x = 0; x < width(); ++x) {
                 n += test(pixel(x, y)) ? 1 : 0;
             }
         }
         return n;
-    }
-    int count(const std::function<bool(const Argb&)>& test) const {
-        return count(test, 0, 0, width(), height());
     }
 
     // The smallest rectangle holding every pixel that is not fully transparent, as x0, y0, x1,
