@@ -131,23 +131,27 @@ void Canvas::drawCircle(int x, int y, int radius, PaletteColors paletteColor, in
 
 IPoint Canvas::getTextLocation(TextPosition position, const std::string& text) const {
     const Resolution size = getTextSize(text);
-    const int width = static_cast<int>(size.width);
-    const int height = static_cast<int>(size.height);
+    // Widened, so that no size a subclass reports can overflow.
+    const long long width = size.width;
+    const long long height = size.height;
+    const int right = saturate(WI - width - 10);
+    const int top = saturate(height + 2);
+    const int bottom = saturate(HI - height - 2);
     // Centring halves the unsigned difference: a text wider than the input lands far right.
-    const int centredX = static_cast<int>((static_cast<unsigned int>(WI) - size.width) / 2u);
+    const int centre = static_cast<int>((static_cast<unsigned int>(WI) - size.width) / 2u);
     switch (position) {
     case TextPosition::TopLeft:
-        return IPoint(10, height + 2);
+        return IPoint(10, top);
     case TextPosition::TopRight:
-        return IPoint(WI - width - 10, height + 2);
+        return IPoint(right, top);
     case TextPosition::TopCentre:
-        return IPoint(centredX, height + 2);
+        return IPoint(centre, top);
     case TextPosition::BottomLeft:
-        return IPoint(10, HI - height - 2);
+        return IPoint(10, bottom);
     case TextPosition::BottomRight:
-        return IPoint(WI - width - 10, HI - height - 2);
+        return IPoint(right, bottom);
     case TextPosition::BottomCentre:
-        return IPoint(centredX, HI - height - 2);
+        return IPoint(centre, bottom);
     }
     return IPoint(0, 0);
 }

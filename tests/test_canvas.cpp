@@ -13,6 +13,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <limits>
 
 using namespace Ombrel;
 using namespace StemlibTest;
@@ -141,6 +142,12 @@ TEST(Canvas, PlacesTextAtSixMarginsAndCentresOnTheUnsignedDifference) {
     EXPECT_EQ(canvas.getTextLocation(TextPosition::TopRight, "t").x, 641 - 700 - 10);
     EXPECT_EQ(canvas.getTextLocation(TextPosition::BottomCentre, "t").x,
               static_cast<int>((4294967296ULL - 59) / 2));
+    // Whatever size a canvas reports, the margins saturate rather than overflow.
+    canvas.textSize = Resolution(4294967295u, 4294967295u);
+    const int lowest = std::numeric_limits<int>::min();
+    EXPECT_EQ(canvas.getTextLocation(TextPosition::BottomRight, "t"), IPoint(lowest, lowest));
+    EXPECT_EQ(canvas.getTextLocation(TextPosition::TopLeft, "t").y,
+              std::numeric_limits<int>::max());
 }
 
 TEST(CairoCanvas, SetsAntialiasFontSizeAndTheLanguagesFontOnceAtConstruction) {
