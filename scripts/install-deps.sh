@@ -10,7 +10,7 @@ PACKAGES=(
     libfcgi-dev libfcgi-bin liburiparser-dev
     libgtest-dev libgmock-dev libbenchmark-dev libspdlog-dev
     libflatbuffers-dev flatbuffers-compiler
-    fonts-noto-core fonts-wqy-microhei
+    fonts-noto-core fonts-wqy-microhei fonts-tlwg-loma-ttf
     opencv-doc
 )
 

@@ -19,6 +19,13 @@ cmake -S . -B build-tests/normal -DCMAKE_BUILD_TYPE=RelWithDebInfo -DSTEMLIB_WER
 cmake --build build-tests/normal -j "$JOBS"
 ctest --test-dir build-tests/normal --output-on-failure -j "$JOBS"
 ./build-tests/normal/examples/scene_demo --fast > /dev/null
+# The overlay example draws over a frame of the host camera playing the sample clip, in Thai.
+./scripts/make-fonts-dir.sh build-tests/fonts > /dev/null
+printf 'channels = 1\nchannel.1.resolutions = 1920x1080\nvideo.input = file:%s/vtest.avi\n' \
+    "$(./scripts/fetch-sample-data.sh --print)" > build-tests/vtest-camera.txt
+(cd build-tests && STEMLIB_HOST_CAMERA="$ROOT/build-tests/vtest-camera.txt" \
+    ./normal/examples/overlay_demo --lang th --out overlay-th.png > /dev/null)
+test -s build-tests/overlay-th.png
 
 echo "== installed package and consumer project"
 rm -rf build-tests/prefix build-tests/consumer build-tests/consumer-pc

@@ -1,7 +1,7 @@
 #include "SyslogCapture.h"
 
 #include <cstdarg>
-#include <cstring>
+#include <cstdio>
 #include <mutex>
 
 namespace StemlibTest {
@@ -32,16 +32,21 @@ std::vector<SyslogRecord> SyslogCapture::records() const {
 } // namespace StemlibTest
 
 // Replaces the C library's syslog for the whole test program, so that tests never write to the
-// machine's system log. A format other than "%s" is recorded as it stands and never expanded.
+// machine's system log. The message is the format expanded with its arguments, as the system log
+// would write it.
 extern "C" void syslog(int priority, const char* format, ...) {
     using namespace StemlibTest;
-    std::string message = format;
-    if (std::strcmp(format, "%s") == 0) {
-        va_list args;
-        va_start(args, format);
-        message = va_arg(args, const char*);
-        va_end(args);
+    va_list args;
+    va_start(args, format);
+    va_list measuring;
+    va_copy(measuring, args);
+    const int length = std::vsnprintf(nullptr, 0, format, measuring);
+    va_end(measuring);
+    std::string message(length > 0 ? static_cast<std::size_t>(length) : 0, '\0');
+    if (length > 0) {
+        std::vsnprintf(message.data(), message.size() + 1, format, args);
     }
+    va_end(args);
     std::lock_guard<std::mutex> lock(g_mutex);
     if (g_capturing) {
         g_records.push_back(SyslogRecord{priority, format, message});

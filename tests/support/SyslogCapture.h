@@ -10,7 +10,7 @@ namespace StemlibTest {
 struct SyslogRecord {
     int priority;
     std::string format;  // the format argument as passed
-    std::string message; // the text that would be logged: the argument when the format is "%s"
+    std::string message; // the text that would be logged: the format expanded
 };
 
 // Starts capturing (clearing earlier records) until the guard goes out of scope.
