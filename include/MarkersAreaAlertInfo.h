@@ -58,11 +58,6 @@ public:
     // and gives false.
     bool doesCountSatisfyCondition(int count) const;
 
-    // Live state, not part of the text form.
-    bool isSatisfied = false;          // whether the count rule holds now
-    TimePoint satisfiedStartTime{};    // when it began to hold
-    ArucoDetections currentDetections; // the latest detections
-
 private:
     bool _isActive = false;
     int _areaIndex = 0;
@@ -70,6 +65,12 @@ private:
     int _countThreshold = 1;
     int _durationSeconds = 0;
     IPolygon _polygon;
+
+public:
+    // Live state, open to the application (to show or to restart it); not part of the text form.
+    bool isSatisfied = false;          // whether the count rule holds now
+    TimePoint satisfiedStartTime{};    // when it began to hold
+    ArucoDetections currentDetections; // the latest detections
 };
 
 } // namespace Ombrel
