@@ -6,6 +6,9 @@
 // OpenCV allocates: colourBytes are the three-channel bytes (the frame's copies in toCVMat, the
 // same for both forms: the crop is a view and copies nothing), largestGreyBytes the largest
 // working image (frame-sized for the whole frame, crop-sized for the rectangle).
+//
+// The argument is OpenCV's thread count: 0 leaves OpenCV its default (all cores; the wall time
+// then counts), 1 runs it on the calling thread (less sensitive to a busy machine).
 #include "ArucoDetector.h"
 #include "ImageBufferFrameSource.h"
 #include "MarkerPainting.h"
@@ -49,6 +52,22 @@ const ImageBufferFrameSource& markerFrame() {
     return *source;
 }
 
+// Sets OpenCV's thread count for the benchmark's life.
+class OpenCVThreads {
+public:
+    explicit OpenCVThreads(int threads) : _previous(cv::getNumThreads()) {
+        if (threads > 0) {
+            cv::setNumThreads(threads);
+        }
+    }
+    ~OpenCVThreads() { cv::setNumThreads(_previous); }
+    OpenCVThreads(const OpenCVThreads&) = delete;
+    OpenCVThreads& operator=(const OpenCVThreads&) = delete;
+
+private:
+    int _previous;
+};
+
 template <typename Detect>
 void countAllocations(benchmark::State& state, Detect detect) {
     MatAllocationLog log;
@@ -68,6 +87,7 @@ void countAllocations(benchmark::State& state, Detect detect) {
 }
 
 void BM_DetectMarkers_WholeFrame(benchmark::State& state) {
+    const OpenCVThreads threads(static_cast<int>(state.range(0)));
     const ImageBufferFrameSource& source = markerFrame();
     ArucoDetector detector;
     for (auto _ : state) {
@@ -77,6 +97,7 @@ void BM_DetectMarkers_WholeFrame(benchmark::State& state) {
 }
 
 void BM_DetectMarkers_Rectangle480x270(benchmark::State& state) {
+    const OpenCVThreads threads(static_cast<int>(state.range(0)));
     const ImageBufferFrameSource& source = markerFrame();
     ArucoDetector detector;
     for (auto _ : state) {
@@ -87,6 +108,7 @@ void BM_DetectMarkers_Rectangle480x270(benchmark::State& state) {
 
 // The floor under both forms: the frame's blue-first copy.
 void BM_DetectMarkers_ToCVMatOnly(benchmark::State& state) {
+    const OpenCVThreads threads(static_cast<int>(state.range(0)));
     const ImageBufferFrameSource& source = markerFrame();
     for (auto _ : state) {
         benchmark::DoNotOptimize(source.toCVMat());
@@ -136,7 +158,19 @@ void BM_MarkersManager_EightAreasPerFrame(benchmark::State& state) {
 
 } // namespace
 
-BENCHMARK(BM_DetectMarkers_WholeFrame)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_DetectMarkers_Rectangle480x270)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_DetectMarkers_ToCVMatOnly)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_DetectMarkers_WholeFrame)
+    ->Arg(0)
+    ->Arg(1)
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_DetectMarkers_Rectangle480x270)
+    ->Arg(0)
+    ->Arg(1)
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_DetectMarkers_ToCVMatOnly)
+    ->Arg(0)
+    ->Arg(1)
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_MarkersManager_EightAreasPerFrame)->Unit(benchmark::kMicrosecond);
