@@ -50,5 +50,6 @@
 #include "Tasks.h"
 #include "VideoStreamMapper.h"
 #include "VideoStreamSource.h"
+#include "distance_controller.h"
 #include "imgconverter.h"
 #include "utils.h"
