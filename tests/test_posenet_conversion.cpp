@@ -165,13 +165,15 @@ TEST(PosenetConversion, MatchesTensorFlowJsOnRealPictures) {
             ASSERT_EQ(quantized[o].size(), values.size());
             float worst = 0.0f;
             float peak = 0.0f;
-            std::size_t clipped = 0;
+            std::size_t below = 0;
+            std::size_t above = 0;
             std::size_t offByOne = 0;
             for (std::size_t i = 0; i < values.size(); ++i) {
                 worst = std::max(worst, std::fabs(values[i] - reference[o][i]));
                 peak = std::max(peak, std::fabs(values[i]));
                 const float exact = std::round(values[i] / output.scale) + output.zeroPoint;
-                clipped += exact < 0.0f || exact > 255.0f;
+                below += exact < 0.0f;
+                above += exact > 255.0f;
                 const int expected = static_cast<int>(std::clamp(exact, 0.0f, 255.0f));
                 const int got = quantized[o][i];
                 // Only a value on a rounding boundary may land one step away.
@@ -181,10 +183,12 @@ TEST(PosenetConversion, MatchesTensorFlowJsOnRealPictures) {
             EXPECT_LE(worst, 1e-3f);
             EXPECT_GT(peak, 1.0f); // a real response, not a silent network
             EXPECT_LT(offByOne, values.size() / 1000 + 1);
-            std::printf("[ posenet  ] %s %s: largest |value| %.2f, off TensorFlow.js by %.3g, "
-                        "%.1f %% saturated in uint8\n",
-                        label.c_str(), output.name.c_str(), peak, worst,
-                        100.0 * static_cast<double>(clipped) / static_cast<double>(values.size()));
+            const double share = 100.0 / static_cast<double>(values.size());
+            std::printf("[ posenet  ] %s %s: largest |value| %.2f, off TensorFlow.js by %.3g; "
+                        "saturated in uint8: %.1f %% low, %.1f %% high\n",
+                        label.c_str(), output.name.c_str(), static_cast<double>(peak),
+                        static_cast<double>(worst), share * static_cast<double>(below),
+                        share * static_cast<double>(above));
         }
     }
 }
