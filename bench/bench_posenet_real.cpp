@@ -1,7 +1,8 @@
 // The published PoseNet as the model forge converts it (posenet_mobilenet_481x353), on real
 // footage (frame 200 of opencv-doc's vtest.avi, six people):
 //  - one job on the host inference service against the same model called directly through the
-//    TensorFlow Lite C API, one thread each: the service's overhead;
+//    TensorFlow Lite C API, one thread each: the service's overhead, also measured side by side
+//    within each iteration;
 //  - a whole PosenetPoseDetector::detect and each of its steps alone (frame copy, job,
 //    dequantisation, decode, mapping);
 //  - the whole road, host camera playing the clip -> detect -> skeletons, with the engine on one
@@ -22,7 +23,9 @@
 #include <opencv2/imgproc.hpp>
 #include <opencv2/videoio.hpp>
 
+#include <chrono>
 #include <cstring>
+#include <ctime>
 #include <fstream>
 #include <memory>
 #include <string>
@@ -181,39 +184,113 @@ void BM_RealPosenet_ServiceJob(benchmark::State& state) {
 BENCHMARK(BM_RealPosenet_ServiceJob)->Unit(benchmark::kMillisecond)->MinTime(2.0);
 
 #ifdef STEMLIB_BENCH_TFLITE
-// The same model through the TensorFlow Lite C API: the picture copied in, each output out.
-void BM_RealPosenet_DirectTFLite(benchmark::State& state) {
-    STEMLIB_BENCH_REQUIRE_MODEL(state);
-    const std::vector<std::uint8_t> picture = modelPicture();
-    TfLiteModel* model = TfLiteModelCreateFromFile(realModel().c_str());
-    TfLiteInterpreterOptions* options = TfLiteInterpreterOptionsCreate();
-    TfLiteInterpreterOptionsSetNumThreads(options, 1);
-    TfLiteInterpreter* interpreter = TfLiteInterpreterCreate(model, options);
-    if (interpreter == nullptr || TfLiteInterpreterAllocateTensors(interpreter) != kTfLiteOk) {
-        state.SkipWithError("cannot load the model");
-    } else {
-        TfLiteTensor* input = TfLiteInterpreterGetInputTensor(interpreter, 0);
-        std::vector<std::vector<std::uint8_t>> outputs;
-        for (int i = 0; i < TfLiteInterpreterGetOutputTensorCount(interpreter); ++i) {
-            outputs.emplace_back(
-                TfLiteTensorByteSize(TfLiteInterpreterGetOutputTensor(interpreter, i)));
-        }
-        for (auto _ : state) {
-            TfLiteTensorCopyFromBuffer(input, picture.data(), picture.size());
-            TfLiteInterpreterInvoke(interpreter);
-            for (std::size_t i = 0; i < outputs.size(); ++i) {
-                TfLiteTensorCopyToBuffer(
-                    TfLiteInterpreterGetOutputTensor(interpreter, static_cast<int>(i)),
-                    outputs[i].data(), outputs[i].size());
+// The same model through the TensorFlow Lite C API, one thread: the picture copied in, each
+// output copied out.
+class DirectPosenet {
+public:
+    DirectPosenet()
+        : _picture(modelPicture()), _model(TfLiteModelCreateFromFile(realModel().c_str())),
+          _options(TfLiteInterpreterOptionsCreate()) {
+        TfLiteInterpreterOptionsSetNumThreads(_options, 1);
+        _interpreter = TfLiteInterpreterCreate(_model, _options);
+        if (_interpreter != nullptr &&
+            TfLiteInterpreterAllocateTensors(_interpreter) == kTfLiteOk) {
+            for (int i = 0; i < TfLiteInterpreterGetOutputTensorCount(_interpreter); ++i) {
+                _outputs.emplace_back(
+                    TfLiteTensorByteSize(TfLiteInterpreterGetOutputTensor(_interpreter, i)));
             }
-            benchmark::DoNotOptimize(outputs.front().data());
         }
     }
-    TfLiteInterpreterDelete(interpreter);
-    TfLiteInterpreterOptionsDelete(options);
-    TfLiteModelDelete(model);
+    ~DirectPosenet() {
+        TfLiteInterpreterDelete(_interpreter);
+        TfLiteInterpreterOptionsDelete(_options);
+        TfLiteModelDelete(_model);
+    }
+    DirectPosenet(const DirectPosenet&) = delete;
+    DirectPosenet& operator=(const DirectPosenet&) = delete;
+
+    bool ready() const { return !_outputs.empty(); }
+    void run() {
+        TfLiteTensorCopyFromBuffer(TfLiteInterpreterGetInputTensor(_interpreter, 0),
+                                   _picture.data(), _picture.size());
+        TfLiteInterpreterInvoke(_interpreter);
+        for (std::size_t i = 0; i < _outputs.size(); ++i) {
+            TfLiteTensorCopyToBuffer(
+                TfLiteInterpreterGetOutputTensor(_interpreter, static_cast<int>(i)),
+                _outputs[i].data(), _outputs[i].size());
+        }
+        benchmark::DoNotOptimize(_outputs.front().data());
+    }
+
+private:
+    std::vector<std::uint8_t> _picture;
+    TfLiteModel* _model;
+    TfLiteInterpreterOptions* _options;
+    TfLiteInterpreter* _interpreter = nullptr;
+    std::vector<std::vector<std::uint8_t>> _outputs;
+};
+
+void BM_RealPosenet_DirectTFLite(benchmark::State& state) {
+    STEMLIB_BENCH_REQUIRE_MODEL(state);
+    DirectPosenet direct;
+    if (!direct.ready()) {
+        state.SkipWithError("cannot load the model");
+        return;
+    }
+    for (auto _ : state) {
+        direct.run();
+    }
 }
 BENCHMARK(BM_RealPosenet_DirectTFLite)->Unit(benchmark::kMillisecond)->MinTime(2.0);
+
+double threadSeconds() {
+    timespec t{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
+    return static_cast<double>(t.tv_sec) + 1e-9 * static_cast<double>(t.tv_nsec);
+}
+
+double wallSeconds() {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
+// The service's job and the direct call one after the other in each iteration (in turns, which
+// goes first), so that both meet the same load on a shared machine: the service's overhead as
+// a ratio measured side by side, in elapsed and in processor time.
+void BM_RealPosenet_ServiceOverDirect(benchmark::State& state) {
+    STEMLIB_BENCH_REQUIRE_MODEL(state);
+    Fixture f;
+    f.detector->copyFrame(f.source);
+    DirectPosenet direct;
+    if (!direct.ready()) {
+        state.SkipWithError("cannot load the model");
+        return;
+    }
+    double wall[2] = {0.0, 0.0}; // service, direct
+    double cpu[2] = {0.0, 0.0};
+    bool serviceFirst = true;
+    for (auto _ : state) {
+        for (int turn = 0; turn < 2; ++turn) {
+            const int which = (turn == 0) == serviceFirst ? 0 : 1;
+            const double w0 = wallSeconds();
+            const double c0 = threadSeconds();
+            if (which == 0) {
+                f.detector->runJob();
+            } else {
+                direct.run();
+            }
+            cpu[which] += threadSeconds() - c0;
+            wall[which] += wallSeconds() - w0;
+        }
+        serviceFirst = !serviceFirst;
+    }
+    const double n = static_cast<double>(state.iterations());
+    state.counters["service_ms"] = 1e3 * wall[0] / n;
+    state.counters["direct_ms"] = 1e3 * wall[1] / n;
+    state.counters["overhead_%"] = 100.0 * (wall[0] / wall[1] - 1.0);
+    state.counters["cpu_overhead_%"] = 100.0 * (cpu[0] / cpu[1] - 1.0);
+}
+BENCHMARK(BM_RealPosenet_ServiceOverDirect)->Unit(benchmark::kMillisecond)->MinTime(4.0);
 #endif
 
 void BM_RealPosenet_Detect_Whole(benchmark::State& state) {
