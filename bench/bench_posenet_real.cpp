@@ -84,6 +84,11 @@ std::vector<std::uint8_t> modelPicture() {
     return picture;
 }
 
+double wallSeconds() {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
 // A host camera described by text, for as long as the object lives.
 class Camera {
 public:
@@ -249,11 +254,6 @@ double threadSeconds() {
     return static_cast<double>(t.tv_sec) + 1e-9 * static_cast<double>(t.tv_nsec);
 }
 
-double wallSeconds() {
-    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch())
-        .count();
-}
-
 // The service's job and the direct call one after the other in each iteration (in turns, which
 // goes first), so that both meet the same load on a shared machine: the service's overhead as
 // a ratio measured side by side, in elapsed and in processor time.
@@ -374,6 +374,42 @@ void BM_RealPosenet_Road(benchmark::State& state) {
         static_cast<double>(people) / static_cast<double>(std::max<std::int64_t>(
                                           1, static_cast<std::int64_t>(state.iterations())));
 }
+// The road with one and with two engine threads side by side: two detectors, their models
+// loaded under each thread count, take the clip's frames in turns (which goes first alternates),
+// so that both meet the same load. Frames per second of each and the speed-up.
+void BM_RealPosenet_RoadThreads(benchmark::State& state) {
+    STEMLIB_BENCH_REQUIRE_MODEL(state);
+    std::unique_ptr<Camera> camera = std::make_unique<Camera>(clipCamera(1));
+    PosenetPoseDetector one(realModel(), "cpu-tflite");
+    one.initialize();
+    camera.reset(); // back to the default camera before the next description
+    camera = std::make_unique<Camera>(clipCamera(2));
+    PosenetPoseDetector two(realModel(), "cpu-tflite");
+    two.initialize();
+    AxisVideoStreamSource stream(Resolution(768, 576));
+    PosenetPoseDetector* detectors[2] = {&one, &two};
+    const IRectangle view(0, 6, 768, 563);
+    double seconds[2] = {0.0, 0.0};
+    bool oneFirst = true;
+    for (auto _ : state) {
+        for (int turn = 0; turn < 2; ++turn) {
+            const int which = (turn == 0) == oneFirst ? 0 : 1;
+            const double start = wallSeconds();
+            for (const auto& person : detectors[which]->detect(stream, view)) {
+                FPoint centre;
+                benchmark::DoNotOptimize(person.skeleton.getSkeletonCenter(centre, 0.3f));
+            }
+            seconds[which] += wallSeconds() - start;
+        }
+        oneFirst = !oneFirst;
+    }
+    const double n = static_cast<double>(state.iterations());
+    state.counters["fps_1_thread"] = n / seconds[0];
+    state.counters["fps_2_threads"] = n / seconds[1];
+    state.counters["speedup"] = seconds[0] / seconds[1];
+}
+BENCHMARK(BM_RealPosenet_RoadThreads)->Unit(benchmark::kMillisecond)->MinTime(4.0)->UseRealTime();
+
 BENCHMARK(BM_RealPosenet_Road)
     ->Arg(1)
     ->Arg(2)
