@@ -39,3 +39,6 @@ fi
 
 # Real photographs and footage for the tests and examples (opencv-doc's data folder).
 "$(dirname "$0")/fetch-sample-data.sh"
+
+# The published PoseNet and TensorFlow.js, the engine the converted model is checked against.
+"$(dirname "$0")/fetch-posenet.sh"

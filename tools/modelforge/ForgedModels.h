@@ -12,6 +12,8 @@
 // The pose network: a convolutional network of the size of a real pose model (for benchmarks),
 // with random fixed weights and the output tensors of the PoseNet model.
 //
+// The published PoseNet, converted with its trained weights at each detector's input size.
+//
 // Header-only, so that tests include it without linking the forge.
 #pragma once
 
@@ -169,6 +171,111 @@ struct SsdDetectorModel {
 // The convolutional pose network: 481 x 353 picture, PoseNet's three outputs.
 inline const char* poseNetworkName() {
     return "posenet_network_481x353";
+}
+
+// The published PoseNet (MobileNetV1, depth multiplier 0.75, output stride 16, trained weights),
+// converted from its TensorFlow.js graph model when the build finds it (scripts/fetch-posenet.sh).
+// The input is the uint8 RGB picture [1, height, width, 3], brought to [-1, 1] inside the model
+// (x / 127.5 - 1). The outputs lie on the grid of ceil(height / 16) x ceil(width / 16) cells, in
+// the order and with the quantization that a detector binds; each holds one of the network's
+// heads, in pixels for offsets and as logits for heatmaps, so that (byte - zeroPoint) * scale
+// gives back the network's value, saturated to the bytes' range. The mid offsets are the forward
+// then the backward displacements, concatenated on channels. The network has no body-part
+// segmentation: outputs of the 1281 x 721 and 320 x 240 detectors that it cannot fill (segments,
+// part heatmaps, part and long offsets) hold their zero point, the value 0.
+enum class PosenetHead { Heatmaps, ShortOffsets, MidOffsets, Forward, Backward, Absent };
+
+struct PosenetOutput {
+    std::string name;
+    PosenetHead head;
+    int channels;
+    int zeroPoint;
+    float scale;
+
+    // The network's value that a byte stands for.
+    float valueOf(unsigned char byte) const {
+        return static_cast<float>(static_cast<int>(byte) - zeroPoint) * scale;
+    }
+};
+
+struct PosenetModel {
+    std::string name;
+    int width;
+    int height;
+    bool floatOutputs; // float32 outputs holding the network's values, without quantization
+    std::vector<PosenetOutput> outputs;
+
+    int gridHeight() const { return (height + 15) / 16; }
+    int gridWidth() const { return (width + 15) / 16; }
+};
+
+namespace detail {
+
+inline PosenetOutput head(std::string name, PosenetHead head, int channels, int zeroPoint,
+                          float scale) {
+    return PosenetOutput{std::move(name), head, channels, zeroPoint, scale};
+}
+
+} // namespace detail
+
+// PosenetPoseDetector and PosenetPanoDetector: 481 x 353.
+inline PosenetModel posenetModel() {
+    using detail::head;
+    return PosenetModel{"posenet_mobilenet_481x353",
+                        481,
+                        353,
+                        false,
+                        {head("heatmaps", PosenetHead::Heatmaps, 17, 128, 0.078431375f),
+                         head("short_offsets", PosenetHead::ShortOffsets, 34, 128, 0.078431375f),
+                         head("mid_offsets", PosenetHead::MidOffsets, 64, 117, 1.3875765f)}};
+}
+
+// The same at 481 x 353 with float32 outputs, to compare with another engine.
+inline PosenetModel posenetFloatModel() {
+    PosenetModel model = posenetModel();
+    model.name = "posenet_mobilenet_float_481x353";
+    model.floatOutputs = true;
+    for (PosenetOutput& output : model.outputs) {
+        output.zeroPoint = 0;
+        output.scale = 1.0f;
+    }
+    return model;
+}
+
+// LarodPoseDetector and BodypixPanoPoseDetector: 1281 x 721.
+inline PosenetModel posenetModel1281x721() {
+    using detail::head;
+    return PosenetModel{"posenet_mobilenet_1281x721",
+                        1281,
+                        721,
+                        false,
+                        {head("heatmaps", PosenetHead::Heatmaps, 17, 210, 0.08174263f),
+                         head("short_offsets", PosenetHead::ShortOffsets, 34, 142, 0.73682034f),
+                         head("mid_offsets", PosenetHead::MidOffsets, 64, 123, 1.4407082f),
+                         head("segments", PosenetHead::Absent, 1, 160, 0.10387437f),
+                         head("part_heatmaps", PosenetHead::Absent, 24, 90, 0.10960945f),
+                         head("long_offsets", PosenetHead::Absent, 34, 127, 0.8586689f)}};
+}
+
+// Bodypix_320W_240H_PoseDetector: 320 x 240.
+inline PosenetModel posenetModel320x240() {
+    using detail::head;
+    return PosenetModel{"posenet_mobilenet_320x240",
+                        320,
+                        240,
+                        false,
+                        {head("displacement_bwd", PosenetHead::Backward, 32, 174, 0.7755094f),
+                         head("displacement_fwd", PosenetHead::Forward, 32, 51, 0.8475879f),
+                         head("heatmaps", PosenetHead::Heatmaps, 17, 167, 0.1002763f),
+                         head("long_offsets", PosenetHead::Absent, 34, 127, 0.8586689f),
+                         head("part_heatmaps", PosenetHead::Absent, 24, 90, 0.10960945f),
+                         head("part_offsets", PosenetHead::Absent, 48, 0, 0.003921569f),
+                         head("segments", PosenetHead::Absent, 1, 160, 0.10387437f),
+                         head("short_offsets", PosenetHead::ShortOffsets, 34, 134, 0.5554287f)}};
+}
+
+inline std::vector<PosenetModel> posenetModels() {
+    return {posenetModel(), posenetFloatModel(), posenetModel1281x721(), posenetModel320x240()};
 }
 
 } // namespace modelforge

@@ -38,12 +38,16 @@ fb::ActivationFunctionType toSchema(Activation activation) {
 
 fb::BuiltinOperator toSchema(Builtin op) {
     switch (op) {
+    case Builtin::Add:
+        return fb::BuiltinOperator::ADD;
     case Builtin::Conv2D:
         return fb::BuiltinOperator::CONV_2D;
     case Builtin::DepthwiseConv2D:
         return fb::BuiltinOperator::DEPTHWISE_CONV_2D;
     case Builtin::Dequantize:
         return fb::BuiltinOperator::DEQUANTIZE;
+    case Builtin::Quantize:
+        return fb::BuiltinOperator::QUANTIZE;
     case Builtin::Reshape:
         return fb::BuiltinOperator::RESHAPE;
     case Builtin::Slice:

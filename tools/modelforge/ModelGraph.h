@@ -40,7 +40,7 @@ struct DepthwiseConv2DOptions {
     Activation activation = Activation::None;
 };
 
-enum class Builtin { Conv2D, DepthwiseConv2D, Dequantize, Reshape, Slice };
+enum class Builtin { Add, Conv2D, DepthwiseConv2D, Dequantize, Quantize, Reshape, Slice };
 
 class ModelGraph {
 public:

@@ -1,14 +1,18 @@
-// modelforge: writes TensorFlow Lite models with weights we choose.
+// modelforge: writes TensorFlow Lite models with weights we choose, and converts the published
+// PoseNet's trained weights.
 //
-//   modelforge <output directory>          writes every model as <name>.tflite
-//   modelforge <output directory> <name>   writes one model
-//   modelforge --list                       lists the names
+//   modelforge [--posenet <dir>] <output directory>          writes every model as <name>.tflite
+//   modelforge [--posenet <dir>] <output directory> <name>   writes one model
+//   modelforge [--posenet <dir>] --list                       lists the names
 //
-// The models are described in ForgedModels.h. No trained weights are involved: the pass-through
-// models copy runs of the input picture to their outputs, the SSD detector decodes boxes written
-// into the picture, and the pose network has fixed pseudo-random weights.
+// The models are described in ForgedModels.h. The pass-through models copy runs of the input
+// picture to their outputs, the SSD detector decodes boxes written into the picture, and the pose
+// network has fixed pseudo-random weights. With --posenet, <dir> holds the TensorFlow.js graph
+// model posenet.json and its weights posenet.bin (scripts/fetch-posenet.sh), and the converted
+// PoseNet models are written as well.
 #include "ForgedModels.h"
 #include "ModelGraph.h"
+#include "PosenetConversion.h"
 
 #include <flatbuffers/flexbuffers.h>
 
@@ -19,6 +23,8 @@
 #include <functional>
 #include <iostream>
 #include <map>
+#include <memory>
+#include <stdexcept>
 
 namespace modelforge {
 
@@ -260,8 +266,21 @@ ModelGraph poseNetworkGraph() {
     return graph;
 }
 
-std::map<std::string, std::function<ModelGraph()>> recipes() {
+std::map<std::string, std::function<ModelGraph()>> recipes(const std::string& posenetDirectory) {
     std::map<std::string, std::function<ModelGraph()>> result;
+    if (!posenetDirectory.empty()) {
+        // Read once, on first use, for all sizes.
+        auto network = std::make_shared<std::unique_ptr<GraphModel>>();
+        for (const PosenetModel& model : posenetModels()) {
+            result[model.name] = [model, network, posenetDirectory]() {
+                if (!*network) {
+                    *network = std::make_unique<GraphModel>(
+                        loadGraphModel(posenetDirectory, "posenet.json"));
+                }
+                return posenetGraph(**network, model);
+            };
+        }
+    }
     for (const PassThroughModel& model : passThroughModels()) {
         result[model.name] = [model]() { return passThroughGraph(model); };
     }
@@ -291,30 +310,42 @@ bool writeModel(const std::string& directory, const std::string& name, const Mod
 
 int main(int argc, char** argv) {
     using namespace modelforge;
-    const auto all = recipes();
-    if (argc == 2 && std::strcmp(argv[1], "--list") == 0) {
+    std::vector<std::string> args(argv + 1, argv + argc);
+    std::string posenetDirectory;
+    if (args.size() >= 2 && args[0] == "--posenet") {
+        posenetDirectory = args[1];
+        args.erase(args.begin(), args.begin() + 2);
+    }
+    const auto all = recipes(posenetDirectory);
+    if (args.size() == 1 && args[0] == "--list") {
         for (const auto& entry : all) {
             std::cout << entry.first << "\n";
         }
         return 0;
     }
-    if (argc != 2 && argc != 3) {
-        std::cerr << "usage: modelforge <output directory> [model name] | modelforge --list\n";
+    if (args.empty() || args.size() > 2 || args[0].rfind("--", 0) == 0) {
+        std::cerr << "usage: modelforge [--posenet <graph model dir>] <output directory> "
+                     "[model name] | modelforge [--posenet <dir>] --list\n";
         return 2;
     }
-    const std::string directory = argv[1];
-    if (argc == 3) {
-        const auto found = all.find(argv[2]);
-        if (found == all.end()) {
-            std::cerr << "modelforge: unknown model " << argv[2] << " (see --list)\n";
-            return 2;
+    const std::string& directory = args[0];
+    try {
+        if (args.size() == 2) {
+            const auto found = all.find(args[1]);
+            if (found == all.end()) {
+                std::cerr << "modelforge: unknown model " << args[1] << " (see --list)\n";
+                return 2;
+            }
+            return writeModel(directory, found->first, found->second()) ? 0 : 1;
         }
-        return writeModel(directory, found->first, found->second()) ? 0 : 1;
-    }
-    for (const auto& entry : all) {
-        if (!writeModel(directory, entry.first, entry.second())) {
-            return 1;
+        for (const auto& entry : all) {
+            if (!writeModel(directory, entry.first, entry.second())) {
+                return 1;
+            }
         }
+    } catch (const std::exception& error) {
+        std::cerr << "modelforge: " << error.what() << "\n";
+        return 1;
     }
     return 0;
 }
