@@ -19,6 +19,7 @@
 #include "EmbeddingPointMapper.h"
 #include "EntranceManager.h"
 #include "ExclusionManager.h"
+#include "FastCGI.h"
 #include "GeometryManager.h"
 #include "ImageBufferFrameSource.h"
 #include "ImageFrameSource.h"
