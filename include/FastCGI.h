@@ -14,8 +14,10 @@
 // handler's exception is logged ("run: Handler failed: ...") and answered with an empty block,
 // and a POST whose CONTENT_LENGTH is missing, not a number or above 16 MiB is answered with
 // "Failed to read request body" without reading the body. A body shorter than its announced
-// length reads as 0xFF bytes at its end. An accepted connection whose peer stays silent for 10
-// seconds while the body is read or the answer written ends that request, not the thread.
+// length reads as 0xFF bytes at its end, and so does the rest of a body whose sender falls silent
+// for 10 seconds; an answer that the peer stops reading for 10 seconds is dropped. (The request's
+// parameters are read by libfcgi while it accepts the connection, before this class sees it, and
+// without a time limit.)
 //
 // Ownership and lifecycle: the constructor opens the socket (and throws std::runtime_error if it
 // cannot); start() starts the thread, which this class never joins, detaches or cancels, and
@@ -54,7 +56,8 @@ public:
     FastCGIServer(const FastCGIServer&) = delete;
     FastCGIServer& operator=(const FastCGIServer&) = delete;
 
-    // Starts the request loop on a new thread. Always returns 0.
+    // Starts the request loop on a new thread. Always returns 0; a thread that cannot be created
+    // is reported as an error line.
     int start();
 
 protected:

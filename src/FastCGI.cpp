@@ -96,7 +96,9 @@ FastCGIServer::~FastCGIServer() {
 }
 
 int FastCGIServer::start() {
-    pthread_create(&_thread, nullptr, &FastCGIServer::threadFunction, this);
+    if (pthread_create(&_thread, nullptr, &FastCGIServer::threadFunction, this) != 0) {
+        g_stemlibLogger.error("start: Failed to create the FastCGI server thread");
+    }
     return 0;
 }
 
