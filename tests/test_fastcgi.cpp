@@ -16,7 +16,8 @@
 #include <utility>
 
 #if defined(__SANITIZE_ADDRESS__)
-#include <sanitizer/allocator_interface.h>
+// From the sanitizer runtime (declared here: GCC ships no header for it).
+extern "C" std::size_t __sanitizer_get_current_allocated_bytes();
 #endif
 
 using namespace Ombrel;
@@ -68,7 +69,7 @@ struct Call {
 };
 
 // Handlers that record their calls and answer "<method>:<action>:<body size>"; the action
-// "throw" throws, and "nul" answers a text with a NUL byte inside.
+// "throw" throws, "nul" answers a text with a NUL byte inside and "large" 3 MiB.
 struct RecordingHandlers {
     std::string operator()(const std::string& method, const std::string& action,
                            const std::string& body) {
@@ -81,6 +82,9 @@ struct RecordingHandlers {
         }
         if (action == "nul") {
             return std::string("cut\0off", 7);
+        }
+        if (action == "large") {
+            return std::string(3 << 20, 'L');
         }
         return method + ":" + action + ":" + std::to_string(body.size());
     }
@@ -264,6 +268,12 @@ TEST(FastCGIServer, AnswersEachRequestOnItsSocketAndKeepsServing) {
          "",
          block("cut"),
          {{"GET", "nul", ""}},
+         {}},
+        {"large answer",
+         {{"REQUEST_URI", "/p?action=large"}, {"REQUEST_METHOD", "GET"}},
+         "",
+         block(std::string(3 << 20, 'L')),
+         {{"GET", "large", ""}},
          {}},
         {"handler throws",
          {{"REQUEST_URI", "/p?action=throw"}, {"REQUEST_METHOD", "GET"}},
