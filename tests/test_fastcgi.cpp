@@ -402,7 +402,8 @@ TEST(FastCGIServer, ServesThroughLighttpdAndSurvivesMalformedTrafficWithFlatMemo
               "POST:set:9");
     const std::string put = StemlibTest::httpExchange(
         web.port(),
-        "PUT /local/" + app + "/?action=go HTTP/1.1\r\nHost: h\r\nContent-Length: 0\r\n\r\n");
+        "PUT /local/" + app +
+            "/?action=go HTTP/1.1\r\nHost: h\r\nContent-Length: 0\r\nConnection: close\r\n\r\n");
     EXPECT_EQ(put.rfind("HTTP/1.1 200 OK\r\n", 0), 0u) << put;
     EXPECT_EQ(body(put), "Only GET and POST supported. Method PUT not supported");
     handlers.take();
