@@ -12,7 +12,7 @@ PACKAGES=(
     libflatbuffers-dev flatbuffers-compiler
     fonts-noto-core fonts-wqy-microhei
     opencv-doc
-    lighttpd apache2-utils
+    lighttpd apache2-utils wrk
 )
 
 SUDO=""
