@@ -33,13 +33,16 @@ std::string requestParam(const char* name, FCGX_ParamArray envp) {
 
 // Whether libfcgi can make a Unix socket at path. It ends the whole process when binding fails
 // or the path is too long, and it takes a path with a colon for a TCP address, so these are
-// checked first and reported as a failure to open.
+// checked first and reported as a failure to open. An old socket at the path is replaced.
 bool canOpenSocketAt(const std::string& path) {
     if (path.size() >= sizeof(sockaddr_un::sun_path) || path.find(':') != std::string::npos) {
         return false;
     }
-    const std::string folder = path.substr(0, path.rfind('/'));
     struct stat status {};
+    if (::lstat(path.c_str(), &status) == 0 && !S_ISSOCK(status.st_mode)) {
+        return false;
+    }
+    const std::string folder = path.substr(0, path.rfind('/'));
     return ::stat(folder.c_str(), &status) == 0 && S_ISDIR(status.st_mode) &&
            ::access(folder.c_str(), W_OK | X_OK) == 0;
 }
@@ -65,7 +68,6 @@ long acceptedBodyLength(const char* text) {
 } // namespace
 
 FastCGIServer::FastCGIServer(const std::string& appName) {
-    _socket = 0;
     g_stemlibLogger.info("FastCGIServer: Starting FastCGI server for appName " + appName);
     std::memset(&_request, 0, sizeof(_request));
     if (FCGX_Init() != 0) {
