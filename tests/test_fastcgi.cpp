@@ -211,9 +211,23 @@ TEST(FastCGIServer, OpensItsSocketForEveryUserAndRefusesAFolderItCannotUse) {
             "FastCGIServer: Opening Socket: " + folder.socketPath(),
             "run: Starting FastCGI server run loop", "run: Exiting FastCGI server run loop"}));
 
+    {
+        // The socket file left behind is replaced by the next server.
+        RecordingHandlers handlers;
+        TestFastCGIServer server(folder.appName(), std::ref(handlers));
+        EXPECT_EQ(fastcgiExchange(
+                      folder.socketPath(),
+                      fastcgiRequest({{"REQUEST_URI", "/?action=b"}, {"REQUEST_METHOD", "GET"}})),
+                  block("GET:b:0"));
+    }
+    logger.take("info");
+
     // libfcgi would end the process on these; the constructor throws instead.
-    for (const std::string& appName : {std::string("stemlibtest_no_such_package"),
-                                       std::string(40, 'x'), std::string("stemlibtest:80")}) {
+    PackageFolder occupied("occupied");
+    std::filesystem::create_directory(occupied.socketPath());
+    for (const std::string& appName :
+         {std::string("stemlibtest_no_such_package"), std::string(40, 'x'),
+          std::string("stemlibtest:80"), occupied.appName()}) {
         RecordingHandlers handlers;
         try {
             TestFastCGIServer server(appName, std::ref(handlers));
