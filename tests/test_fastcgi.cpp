@@ -133,6 +133,19 @@ std::string fastcgiRequest(const FcgiParams& params, const std::string& body = "
            (body.empty() ? "" : record(5, body)) + record(5, "");
 }
 
+// The parameters of a request; a null method, URI or length is left out.
+FcgiParams params(const char* method, const char* uri, const char* contentLength = nullptr) {
+    FcgiParams result;
+    for (const auto& [name, value] : {std::pair<const char*, const char*>{"REQUEST_URI", uri},
+                                      {"REQUEST_METHOD", method},
+                                      {"CONTENT_LENGTH", contentLength}}) {
+        if (value != nullptr) {
+            result.emplace_back(name, value);
+        }
+    }
+    return result;
+}
+
 // Connects to the socket, sends bytes and returns the content of the STDOUT records of the
 // answer, read until the server closes the connection. hangUp: close right after sending.
 std::string fastcgiExchange(const std::string& socketPath, const std::string& bytes,
@@ -250,110 +263,77 @@ TEST(FastCGIServer, AnswersEachRequestOnItsSocketAndKeepsServing) {
     logger.take("info");
 
     const std::string unsupported = "Only GET and POST supported. Method ";
-    const std::string mib16(16 << 20, '\xFF');
     struct Case {
         const char* what;
         FcgiParams params;
-        std::string body;
-        std::string answer;
-        std::vector<Call> calls;
-        std::vector<std::string> errors;
+        std::string body, answer;
+        std::vector<Call> calls = {};
+        std::vector<std::string> errors = {};
     } cases[] = {
         {"one action, decoded",
-         {{"REQUEST_URI", "/p?action=a%20b+c"}, {"REQUEST_METHOD", "GET"}},
+         params("GET", "/p?action=a%20b+c"),
          "",
          block("GET:a b c:0"),
-         {{"GET", "a b c", ""}},
-         {}},
+         {{"GET", "a b c", ""}}},
         {"an item before the action",
-         {{"REQUEST_URI", "/p?x=1&action=go"}, {"REQUEST_METHOD", "GET"}},
+         params("GET", "/p?x=1&action=go"),
          "",
          block("") + block("GET:go:0"),
-         {{"GET", "go", ""}},
-         {}},
+         {{"GET", "go", ""}}},
         {"action without value",
-         {{"REQUEST_URI", "/p?action"}, {"REQUEST_METHOD", "GET"}},
+         params("GET", "/p?action"),
          "",
          block("GET::0"),
-         {{"GET", "", ""}},
-         {}},
+         {{"GET", "", ""}}},
         {"answer cut at NUL",
-         {{"REQUEST_URI", "/p?action=nul"}, {"REQUEST_METHOD", "GET"}},
+         params("GET", "/p?action=nul"),
          "",
          block("cut"),
-         {{"GET", "nul", ""}},
-         {}},
+         {{"GET", "nul", ""}}},
         {"large answer",
-         {{"REQUEST_URI", "/p?action=large"}, {"REQUEST_METHOD", "GET"}},
+         params("GET", "/p?action=large"),
          "",
          block(std::string(3 << 20, 'L')),
-         {{"GET", "large", ""}},
-         {}},
+         {{"GET", "large", ""}}},
         {"handler throws",
-         {{"REQUEST_URI", "/p?action=throw"}, {"REQUEST_METHOD", "GET"}},
+         params("GET", "/p?action=throw"),
          "",
          block(""),
          {{"GET", "throw", ""}},
          {"run: Handler failed: boom"}},
         {"no REQUEST_URI",
-         {{"REQUEST_METHOD", "GET"}},
+         params("GET", nullptr),
          "",
          "Failed to parse URI",
          {},
          {"run: Failed to parse URI "}},
         {"unparsable URI",
-         {{"REQUEST_URI", "/p?action=%zz"}, {"REQUEST_METHOD", "GET"}},
+         params("GET", "/p?action=%zz"),
          "",
          "Failed to parse URI",
          {},
          {"run: Failed to parse URI /p?action=%zz"}},
-        {"no query",
-         {{"REQUEST_URI", "/p"}, {"REQUEST_METHOD", "GET"}},
-         "",
-         "Failed to parse query",
-         {},
-         {}},
-        {"bare question mark", {{"REQUEST_URI", "/p?"}, {"REQUEST_METHOD", "GET"}}, "", "", {}, {}},
-        {"no REQUEST_METHOD",
-         {{"REQUEST_URI", "/p?action=go"}},
-         "",
-         block(unsupported + " not supported"),
-         {},
-         {}},
-        {"PUT",
-         {{"REQUEST_URI", "/p?action=go"}, {"REQUEST_METHOD", "PUT"}},
-         "",
-         block(unsupported + "PUT not supported"),
-         {},
-         {}},
-        {"DELETE without action",
-         {{"REQUEST_URI", "/p?y=1"}, {"REQUEST_METHOD", "DELETE"}},
-         "",
-         block(""),
-         {},
-         {}},
+        {"no query", params("GET", "/p"), "", "Failed to parse query"},
+        {"bare question mark", params("GET", "/p?"), "", ""},
+        {"no REQUEST_METHOD", params(nullptr, "/p?action=go"), "",
+         block(unsupported + " not supported")},
+        {"PUT", params("PUT", "/p?action=go"), "", block(unsupported + "PUT not supported")},
+        {"DELETE without action", params("DELETE", "/p?y=1"), "", block("")},
         {"short body pads with 0xFF",
-         {{"REQUEST_URI", "/p?action=set"}, {"REQUEST_METHOD", "POST"}, {"CONTENT_LENGTH", "5"}},
+         params("POST", "/p?action=set", "5"),
          "ab",
          block("POST:set:5"),
-         {{"POST", "set", "ab\xFF\xFF\xFF"}},
-         {}},
+         {{"POST", "set", "ab\xFF\xFF\xFF"}}},
         {"second action reads past the body",
-         {{"REQUEST_URI", "/p?action=a&action=b"},
-          {"REQUEST_METHOD", "POST"},
-          {"CONTENT_LENGTH", "2"}},
+         params("POST", "/p?action=a&action=b", "2"),
          "xy",
          block("POST:a:2") + block("POST:b:2"),
-         {{"POST", "a", "xy"}, {"POST", "b", "\xFF\xFF"}},
-         {}},
+         {{"POST", "a", "xy"}, {"POST", "b", "\xFF\xFF"}}},
         {"16 MiB is the largest body",
-         {{"REQUEST_URI", "/p?action=big"},
-          {"REQUEST_METHOD", "POST"},
-          {"CONTENT_LENGTH", "16777216"}},
+         params("POST", "/p?action=big", "16777216"),
          "",
          block("POST:big:16777216"),
-         {{"POST", "big", mib16}},
-         {}},
+         {{"POST", "big", std::string(16 << 20, '\xFF')}}},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
@@ -363,13 +343,9 @@ TEST(FastCGIServer, AnswersEachRequestOnItsSocketAndKeepsServing) {
     }
 
     // Refused lengths: no body is read, no handler runs, the bare text answers.
-    const char* const refusedLengths[] = {"",     "-1", "12abc", "16777217", "99999999999999999999",
-                                          nullptr};
-    for (const char* length : refusedLengths) {
-        FcgiParams params{{"REQUEST_URI", "/p?action=set"}, {"REQUEST_METHOD", "POST"}};
-        if (length != nullptr) {
-            params.emplace_back("CONTENT_LENGTH", length);
-        }
+    const char* const lengths[] = {nullptr, "", "-1", "12abc", "16777217", "99999999999999999999"};
+    for (const char* length : lengths) {
+        const FcgiParams params = ::params("POST", "/p?action=set", length);
         EXPECT_EQ(fastcgiExchange(folder.socketPath(), fastcgiRequest(params, "abc")),
                   "Failed to read request body");
         EXPECT_TRUE(handlers.take().empty());
