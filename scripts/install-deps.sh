@@ -12,6 +12,7 @@ PACKAGES=(
     libflatbuffers-dev flatbuffers-compiler
     fonts-noto-core fonts-wqy-microhei fonts-tlwg-loma-ttf
     opencv-doc
+    lighttpd apache2-utils wrk
 )
 
 SUDO=""
