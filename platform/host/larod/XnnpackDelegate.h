@@ -1,9 +1,10 @@
 // The XNNPACK delegate of TensorFlow Lite 2.9, as the engine's C library exports it.
 //
-// The library (libtensorflowlite_c.so of the engine tarball) exports the delegate's functions,
-// but the tarball's headers do not declare them: they are declared here, once, with the 2.9
-// options layout (tensorflow/lite/delegates/xnnpack/xnnpack_delegate.h of that release). Used by
-// the host inference service and by the model forge; tests check the declarations against the
+// The library (libtensorflowlite_c.so 2.9.0 of the engine tarball) exports the delegate's
+// functions, but the tarball's headers do not declare them: they are declared here, once, as that
+// library defines them. Its options are 8 bytes, the thread count and the flags (releases after
+// it add a weights cache behind them; this library copies 8 bytes and returns its defaults in one
+// register). Used by the host inference service; tests check the declarations against the
 // library.
 #pragma once
 
@@ -19,20 +20,14 @@ extern "C" {
 #define TFLITE_XNNPACK_DELEGATE_FLAG_QS8 0x00000001
 // Enables unsigned 8-bit quantized operators.
 #define TFLITE_XNNPACK_DELEGATE_FLAG_QU8 0x00000002
-// Runs float operators in half precision (where the processor has it).
-#define TFLITE_XNNPACK_DELEGATE_FLAG_FORCE_FP16 0x00000004
-
-struct TfLiteXNNPackDelegateWeightsCache;
-
 typedef struct {
     // Threads of the delegate's thread pool; 0 or 1 runs on the calling thread alone.
     int32_t num_threads;
     // TFLITE_XNNPACK_DELEGATE_FLAG_* bits.
     uint32_t flags;
-    // Packed weights shared between delegates; null for none.
-    struct TfLiteXNNPackDelegateWeightsCache* weights_cache;
 } TfLiteXNNPackDelegateOptions;
 
+// No thread pool, no quantized operators.
 TfLiteXNNPackDelegateOptions TfLiteXNNPackDelegateOptionsDefault(void);
 // A delegate that TfLiteXNNPackDelegateDelete releases after every interpreter using it.
 TfLiteDelegate* TfLiteXNNPackDelegateCreate(const TfLiteXNNPackDelegateOptions* options);

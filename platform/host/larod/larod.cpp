@@ -621,8 +621,7 @@ extern "C" larodModel* larodLoadModel(larodConnection* conn, int fd, const larod
         if (delegation != nullptr) {
             TfLiteInterpreterOptionsAddDelegate(model->options.get(), &delegation->wrapper);
         }
-        model->interpreter.reset(
-            TfLiteInterpreterCreate(model->model.get(), model->options.get()));
+        model->interpreter.reset(TfLiteInterpreterCreate(model->model.get(), model->options.get()));
     };
     if (delegatedDevice(dev->name)) {
         model->delegation = std::make_unique<Delegation>(threads);
@@ -639,12 +638,12 @@ extern "C" larodModel* larodLoadModel(larodConnection* conn, int fd, const larod
                                      " on the default kernels, " + counted(threads, "thread"));
         } else {
             // A model the delegate cannot take at all still runs, on the default kernels.
-            logService(LOG_WARNING, where + "XNNPACK failed (" +
-                                        (model->delegation->xnnpack == nullptr
-                                             ? std::string("no delegate")
-                                             : model->engineMessage) +
-                                        "); every operator on the default kernels, " +
-                                        counted(threads, "thread"));
+            logService(LOG_WARNING,
+                       where + "XNNPACK failed (" +
+                           (model->delegation->xnnpack == nullptr ? std::string("no delegate")
+                                                                  : model->engineMessage) +
+                           "); every operator on the default kernels, " +
+                           counted(threads, "thread"));
             model->delegation.reset();
         }
     }
