@@ -185,7 +185,7 @@ private:
 };
 
 // U, upper triangular with U^T U the inverse of the damped moments: the weights still to be
-// rounded absorb each rounding error along U's rows.
+// rounded absorb each rounding error along U's rows. `moments` is d x d in the rounding order.
 std::vector<double> inverseFactor(const double* moments, int size) {
     const std::size_t d = static_cast<std::size_t>(size);
     std::vector<double> h(d * d);
@@ -262,22 +262,52 @@ std::vector<double> inverseFactor(const double* moments, int size) {
     return u;
 }
 
-// One output channel's weights rounded to steps of `scale`, in order, each error carried onto
-// the weights after it.
-std::vector<std::int8_t> roundChannel(std::vector<double> w, double scale,
-                                      const std::vector<double>& u) {
-    const std::size_t d = w.size();
-    std::vector<std::int8_t> q(d);
-    for (std::size_t i = 0; i < d; ++i) {
-        const double steps = std::clamp(std::nearbyint(w[i] / scale), -127.0, 127.0);
-        q[i] = static_cast<std::int8_t>(steps);
-        const double error = (w[i] - steps * scale) / u[i * d + i];
-        for (std::size_t j = i + 1; j < d; ++j) {
-            w[j] -= error * u[i * d + j];
+// How a layer's weights (of one channel, or of every channel sharing the inputs) are rounded:
+// the inputs that vary most first, so that the weights rounded last, which can no longer pass
+// their error on, are the ones that matter least.
+struct Rounding {
+    std::vector<std::size_t> order;
+    std::vector<double> u;
+
+    Rounding(const double* moments, int size) : order(static_cast<std::size_t>(size)) {
+        const std::size_t d = order.size();
+        for (std::size_t i = 0; i < d; ++i) {
+            order[i] = i;
         }
+        std::stable_sort(order.begin(), order.end(), [moments, d](std::size_t a, std::size_t b) {
+            return moments[a * d + a] > moments[b * d + b];
+        });
+        std::vector<double> sorted(d * d);
+        for (std::size_t i = 0; i < d; ++i) {
+            for (std::size_t j = i; j < d; ++j) {
+                const std::size_t a = std::min(order[i], order[j]);
+                const std::size_t b = std::max(order[i], order[j]);
+                sorted[i * d + j] = moments[a * d + b];
+            }
+        }
+        u = inverseFactor(sorted.data(), size);
     }
-    return q;
-}
+
+    // One output channel's weights rounded to steps of `scale`, each error carried onto the
+    // weights after it.
+    std::vector<std::int8_t> round(const std::vector<double>& weights, double scale) const {
+        const std::size_t d = order.size();
+        std::vector<double> w(d);
+        for (std::size_t i = 0; i < d; ++i) {
+            w[i] = weights[order[i]];
+        }
+        std::vector<std::int8_t> q(d);
+        for (std::size_t i = 0; i < d; ++i) {
+            const double steps = std::clamp(std::nearbyint(w[i] / scale), -127.0, 127.0);
+            q[order[i]] = static_cast<std::int8_t>(steps);
+            const double error = (w[i] - steps * scale) / u[i * d + i];
+            for (std::size_t j = i + 1; j < d; ++j) {
+                w[j] -= error * u[i * d + j];
+            }
+        }
+        return q;
+    }
+};
 
 // A layer in int8: weights in the float filter's layout, a scale per output channel, biases in
 // float (turned into int32 when the graph is written).
@@ -305,9 +335,9 @@ Int8Layer quantizeLayer(const PosenetLayer& layer, const Moments& moments, bool 
         q.inputZeroPoint = 0;
     }
     const int d = moments.size();
-    std::vector<double> sharedFactor;
+    std::unique_ptr<Rounding> shared;
     if (!layer.depthwise) {
-        sharedFactor = inverseFactor(moments.of(0), d);
+        shared = std::make_unique<Rounding>(moments.of(0), d);
     }
     for (int c = 0; c < layer.outChannels; ++c) {
         // The channel's weights in the order of the moments' inputs.
@@ -326,8 +356,8 @@ Int8Layer quantizeLayer(const PosenetLayer& layer, const Moments& moments, bool 
                                  (static_cast<double>(q.inputScale) * 1073741824.0);
         const float scale = static_cast<float>(std::max({largest / 127.0, biasFloor, 1e-8}));
         q.scales[static_cast<std::size_t>(c)] = scale;
-        const std::vector<std::int8_t> rounded = roundChannel(
-            std::move(w), scale, layer.depthwise ? inverseFactor(moments.of(c), d) : sharedFactor);
+        const std::vector<std::int8_t> rounded =
+            layer.depthwise ? Rounding(moments.of(c), d).round(w, scale) : shared->round(w, scale);
         for (int i = 0; i < d; ++i) {
             q.weights[layer.depthwise ? static_cast<std::size_t>(i) * layer.outChannels + c
                                       : static_cast<std::size_t>(c) * d + i] =
