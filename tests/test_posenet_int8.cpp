@@ -134,7 +134,7 @@ void expectSameDetections(const std::vector<std::vector<std::uint8_t>>& got,
 // The accelerators of the description run through XNNPACK and cpu-tflite on the default
 // kernels, unless "larod.xnnpack" names other devices; the service logs which, and how many
 // operators XNNPACK took. A model with operators that XNNPACK refuses runs all the same, the
-// rest on the default kernels, with the same results.
+// rest on the default kernels, with the same results; so does one whose delegate fails.
 TEST(HostInferenceXnnpack, DevicesChooseTheKernelsAndTheLogSaysSo) {
     HostCameraScope camera("larod.devices = cpu-tflite, a9-dlpu-tflite, axis-a8-dlpu-tflite\n"
                            "larod.threads = 2\n");
@@ -180,6 +180,19 @@ TEST(HostInferenceXnnpack, DevicesChooseTheKernelsAndTheLogSaysSo) {
                  "kernels, 1 thread"),
         loadLine(ssd, "a9-dlpu-tflite", "every operator on the default kernels, 1 thread")};
     EXPECT_EQ(serviceLines(capture, LOG_INFO), expected);
+
+    // A delegate that fails leaves the model to the default kernels, with a warning.
+    camera.reload("larod.devices = a9-dlpu-tflite\n");
+    stemlib_host_set_failure("TfLiteXNNPackDelegateCreate", "no memory for the weights");
+    SyslogCapture failed;
+    ServiceModel model(ssd, "a9-dlpu-tflite");
+    ASSERT_TRUE(model.initialize());
+    expectSameDetections(model.run(picture), results[0]);
+    EXPECT_TRUE(serviceLines(failed, LOG_INFO).empty());
+    EXPECT_EQ(serviceLines(failed, LOG_WARNING),
+              std::vector<std::string>{loadLine(ssd, "a9-dlpu-tflite",
+                                                "XNNPACK failed (no memory for the weights); every "
+                                                "operator on the default kernels, 1 thread")});
 }
 
 // The delegate's declarations hold against the engine's library: the default options come back

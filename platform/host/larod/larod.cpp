@@ -624,8 +624,11 @@ extern "C" larodModel* larodLoadModel(larodConnection* conn, int fd, const larod
         model->interpreter.reset(TfLiteInterpreterCreate(model->model.get(), model->options.get()));
     };
     if (delegatedDevice(dev->name)) {
+        // The host controls can make the delegate fail, to try the fallback.
+        const std::optional<std::string> refused =
+            stemlib_host::takeFailure("TfLiteXNNPackDelegateCreate");
         model->delegation = std::make_unique<Delegation>(threads);
-        if (model->delegation->xnnpack != nullptr) {
+        if (model->delegation->xnnpack != nullptr && !refused) {
             build(model->delegation.get());
         }
         if (model->interpreter) {
@@ -640,8 +643,9 @@ extern "C" larodModel* larodLoadModel(larodConnection* conn, int fd, const larod
             // A model the delegate cannot take at all still runs, on the default kernels.
             logService(LOG_WARNING,
                        where + "XNNPACK failed (" +
-                           (model->delegation->xnnpack == nullptr ? std::string("no delegate")
-                                                                  : model->engineMessage) +
+                           (refused                                 ? *refused
+                            : model->delegation->xnnpack == nullptr ? std::string("no delegate")
+                                                                    : model->engineMessage) +
                            "); every operator on the default kernels, " +
                            counted(threads, "thread"));
             model->delegation.reset();
