@@ -504,7 +504,8 @@ ModelGraph posenetInt8Graph(const GraphModel& network, const PosenetModel& model
     }
 
     // The float network with every layer's output exposed, on the calibration pictures: the
-    // moments of each layer's inputs, and the heads' float input.
+    // second moments and the means of each layer's input patches, and the heads' float values
+    // for the report.
     ModelGraph floatGraph;
     const FloatNetwork tensors = floatNetwork(floatGraph, layers, model);
     std::vector<int> exposed{tensors.normalized};
@@ -596,8 +597,7 @@ ModelGraph posenetInt8Graph(const GraphModel& network, const PosenetModel& model
         }
     };
     for (std::size_t n = 0; n < layers.size(); ++n) {
-        // The first layer's int8 picture lies half a step below the float one: its patches'
-        // means are taken as the float ones, the half step being in its biases already.
+        // A backbone layer's own rounding error: the same float input on both sides.
         if (layers[n].output < 0) {
             correct(n, floatMeans[n]);
         }
