@@ -23,16 +23,6 @@ using namespace Ombrel;
 
 namespace {
 
-#ifdef STEMLIB_HOST_BIN_DIR
-// The controller reads the focal length through "busctl": the host one must be found first.
-const bool g_pathSet = [] {
-    const char* path = std::getenv("PATH");
-    const std::string value =
-        std::string(STEMLIB_HOST_BIN_DIR) + (path != nullptr ? std::string(":") + path : "");
-    return setenv("PATH", value.c_str(), 1) == 0;
-}();
-#endif
-
 // Nine sightings of a camera between grid points, one in each ninth of the picture.
 HeightObservations nineSightings() {
     return StemlibTest::sightingsFrom({3.8, 43.4, 690}, {{100, 100},

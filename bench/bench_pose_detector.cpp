@@ -6,6 +6,7 @@
 #include "PosenetPoseDetector.h"
 
 #include "PosePicture.h"
+#include "SteppedPosenetDetector.h"
 
 #include <benchmark/benchmark.h>
 
@@ -30,50 +31,12 @@ std::vector<std::uint8_t> crowdPicture() {
     return picture.bytes;
 }
 
-// The detector with its steps opened up.
-class SteppedPosenetDetector : public PosenetPoseDetector {
-public:
-    SteppedPosenetDetector()
-        : PosenetPoseDetector(std::string(STEMLIB_MODEL_DIR) + "/posenet_481x353.tflite", "") {}
-
-    bool copyFrame(ImageFrameSource& source) {
-        return source.getFrame(_inputResolution, 0,
-                               static_cast<std::uint8_t*>(_PosenetInputImageFile->getBuffer()));
-    }
-    bool runJob() {
-        _PosenetOutputMidOffsetsFile->rewind();
-        _PosenetOutputHeatmapsFile->rewind();
-        _PosenetOutputShortOffsetsFile->rewind();
-        return larodRunJob(_larodConnection, _larodJobRequest, nullptr);
-    }
-    void dequantize() {
-        posenetHeatmapDequantizer.dequantize(
-            static_cast<const std::uint8_t*>(_PosenetOutputHeatmapsFile->getBuffer()),
-            _PosenetOutputHeatmapsDequantized.data(), 12121);
-        posenetShortOffsetDequantizer.dequantize(
-            static_cast<const std::uint8_t*>(_PosenetOutputShortOffsetsFile->getBuffer()),
-            _PosenetOutputShortOffsetsDequantized.data(), 24242);
-        posenetMidOffsetDequantizer.dequantize(
-            static_cast<const std::uint8_t*>(_PosenetOutputMidOffsetsFile->getBuffer()),
-            _PosenetOutputMidOffsetsDequantized.data(), 45632);
-    }
-    int decode() {
-        return PosenetDecoder::DecodeAllPoses(_PosenetOutputHeatmapsDequantized.data(),
-                                              _PosenetOutputShortOffsetsDequantized.data(),
-                                              _PosenetOutputMidOffsetsDequantized.data(), 23, 31,
-                                              20, 0.01f, 5, 2.0f, 16, _poses, _scores, _poseScores);
-    }
-
-private:
-    PosenetDecoder::PoseKeypoints _poses[20];
-    PosenetDecoder::PoseKeypointScores _scores[20];
-    float _poseScores[20];
-};
-
 struct Fixture {
     std::vector<std::uint8_t> picture = crowdPicture();
     ImageBufferFrameSource source{Resolution(481, 353), picture.data()};
-    std::unique_ptr<SteppedPosenetDetector> detector = std::make_unique<SteppedPosenetDetector>();
+    std::unique_ptr<StemlibTest::SteppedPosenetDetector> detector =
+        std::make_unique<StemlibTest::SteppedPosenetDetector>(
+            std::string(STEMLIB_MODEL_DIR) + "/posenet_481x353.tflite", "");
     const IRectangle rectangle{0, 0, 1920, 1080};
 
     Fixture() { detector->initialize(); }

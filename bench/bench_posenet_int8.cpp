@@ -14,8 +14,9 @@
 #include "stemlib-host.h"
 
 #include "ForgedModels.h"
-#include "SampleData.h"
-#include "ScratchDirectory.h"
+#include "HostCameraScope.h"
+#include "SampleClip.h"
+#include "SteppedPosenetDetector.h"
 
 #include <benchmark/benchmark.h>
 #include <larod.h>
@@ -67,79 +68,21 @@ double seconds() {
         .count();
 }
 
-// Frame 200 of the clip, RGB, at the clip's size.
-cv::Mat clipFrame200() {
-    cv::VideoCapture clip(StemlibTest::sampleDataPath("vtest.avi"));
-    cv::Mat frame;
-    for (int i = 0; i <= 200; ++i) {
-        clip.read(frame);
-    }
-    cv::Mat rgb;
-    cv::cvtColor(frame, rgb, cv::COLOR_BGR2RGB);
-    return rgb;
+// A host camera playing the clip, its engine on `threads` threads.
+std::string clipCamera(int threads) {
+    return StemlibTest::sampleClipCamera("larod.threads = " + std::to_string(threads) + "\n");
 }
 
-// A host camera playing the clip, its engine on `threads` threads, while the object lives.
-class Camera {
-public:
-    explicit Camera(int threads) {
-        std::ofstream(_folder.file("camera.txt"))
-            << "root.ImageSource.I0.Sensor.AspectRatio = 4:3\nchannels = 1\n"
-               "channel.1.resolutions = 768x576\nlarod.threads = "
-            << threads << "\nvideo.input = file:" << StemlibTest::sampleDataPath("vtest.avi")
-            << "\n";
-        stemlib_host_load_camera(_folder.file("camera.txt").c_str(), nullptr);
-    }
-    ~Camera() { stemlib_host_load_camera(nullptr, nullptr); }
-    Camera(const Camera&) = delete;
-    Camera& operator=(const Camera&) = delete;
-
-private:
-    StemlibTest::ScratchDirectory _folder;
-};
-
-// The detector with its steps opened up.
-class SteppedDetector : public PosenetPoseDetector {
+// The detector with its steps opened up, started on `threads` engine threads.
+class SteppedDetector : public StemlibTest::SteppedPosenetDetector {
 public:
     SteppedDetector(const std::string& name, const std::string& device, int threads)
-        : PosenetPoseDetector(model(name), device) {
-        Camera camera(threads); // the thread count is taken when the model is loaded
+        : StemlibTest::SteppedPosenetDetector(model(name), device) {
+        // The thread count is taken when the model is loaded.
+        StemlibTest::HostCameraScope camera(clipCamera(threads));
         initialize();
         setConfidenceThreshold(0.25f);
     }
-
-    bool copyFrame(ImageFrameSource& source) {
-        return source.getFrame(_inputResolution, 0,
-                               static_cast<std::uint8_t*>(_PosenetInputImageFile->getBuffer()));
-    }
-    bool runJob() {
-        _PosenetOutputMidOffsetsFile->rewind();
-        _PosenetOutputHeatmapsFile->rewind();
-        _PosenetOutputShortOffsetsFile->rewind();
-        return larodRunJob(_larodConnection, _larodJobRequest, nullptr);
-    }
-    void dequantize() {
-        posenetHeatmapDequantizer.dequantize(
-            static_cast<const std::uint8_t*>(_PosenetOutputHeatmapsFile->getBuffer()),
-            _PosenetOutputHeatmapsDequantized.data(), 12121);
-        posenetShortOffsetDequantizer.dequantize(
-            static_cast<const std::uint8_t*>(_PosenetOutputShortOffsetsFile->getBuffer()),
-            _PosenetOutputShortOffsetsDequantized.data(), 24242);
-        posenetMidOffsetDequantizer.dequantize(
-            static_cast<const std::uint8_t*>(_PosenetOutputMidOffsetsFile->getBuffer()),
-            _PosenetOutputMidOffsetsDequantized.data(), 45632);
-    }
-    int decode() {
-        return PosenetDecoder::DecodeAllPoses(_PosenetOutputHeatmapsDequantized.data(),
-                                              _PosenetOutputShortOffsetsDequantized.data(),
-                                              _PosenetOutputMidOffsetsDequantized.data(), 23, 31,
-                                              20, 0.01f, 5, 2.0f, 16, _poses, _scores, _poseScores);
-    }
-
-private:
-    PosenetDecoder::PoseKeypoints _poses[20];
-    PosenetDecoder::PoseKeypointScores _scores[20];
-    float _poseScores[20];
 };
 
 // Five routes, one job each per iteration in rotating order, so that all meet the same load:
@@ -158,7 +101,7 @@ void BM_PosenetRoutes_SideBySide(benchmark::State& state) {
                   {"int8_xnnpack_1", kInt8, "a9-dlpu-tflite", 1},
                   {"int8_xnnpack_2", kInt8, "a9-dlpu-tflite", 2}};
     constexpr std::size_t kRoutes = sizeof routes / sizeof routes[0];
-    cv::Mat rgb = clipFrame200();
+    cv::Mat rgb = StemlibTest::sampleClipFrame(200);
     ImageBufferFrameSource source(Resolution(768, 576), rgb.data);
     std::vector<std::unique_ptr<SteppedDetector>> detectors;
     for (const auto& route : routes) {
@@ -196,7 +139,7 @@ BENCHMARK(BM_PosenetRoutes_SideBySide)->Unit(benchmark::kMillisecond)->MinTime(5
 // network.
 void BM_PosenetInt8_DetectSteps(benchmark::State& state) {
     STEMLIB_BENCH_REQUIRE_MODELS(state);
-    cv::Mat rgb = clipFrame200();
+    cv::Mat rgb = StemlibTest::sampleClipFrame(200);
     ImageBufferFrameSource source(Resolution(768, 576), rgb.data);
     SteppedDetector detector(kInt8, "a9-dlpu-tflite", static_cast<int>(state.range(0)));
     const IRectangle rectangle(0, 0, 768, 576);
@@ -243,7 +186,7 @@ BENCHMARK(BM_PosenetInt8_DetectSteps)
 // The whole detect with the int8 network, as an application calls it.
 void BM_PosenetInt8_DetectWhole(benchmark::State& state) {
     STEMLIB_BENCH_REQUIRE_MODELS(state);
-    cv::Mat rgb = clipFrame200();
+    cv::Mat rgb = StemlibTest::sampleClipFrame(200);
     ImageBufferFrameSource source(Resolution(768, 576), rgb.data);
     SteppedDetector detector(kInt8, "a9-dlpu-tflite", static_cast<int>(state.range(0)));
     const IRectangle rectangle(0, 0, 768, 576);
@@ -266,7 +209,7 @@ BENCHMARK(BM_PosenetInt8_DetectWhole)
 // decoded with the int8 network and each skeleton's centre taken. Frames per second.
 void BM_PosenetInt8_Road(benchmark::State& state) {
     STEMLIB_BENCH_REQUIRE_MODELS(state);
-    Camera camera(static_cast<int>(state.range(0)));
+    StemlibTest::HostCameraScope camera(clipCamera(static_cast<int>(state.range(0))));
     AxisVideoStreamSource stream(Resolution(768, 576));
     PosenetPoseDetector detector(model(kInt8), "");
     detector.initialize();

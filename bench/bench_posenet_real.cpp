@@ -15,8 +15,9 @@
 #include "stemlib-host.h"
 
 #include "ForgedModels.h"
-#include "SampleData.h"
-#include "ScratchDirectory.h"
+#include "HostCameraScope.h"
+#include "SampleClip.h"
+#include "SteppedPosenetDetector.h"
 
 #include <benchmark/benchmark.h>
 #include <larod.h>
@@ -63,25 +64,19 @@ std::string missing() {
     return "";
 }
 
-// Frame 200 of the clip, RGB, at the clip's size.
-cv::Mat clipFrame200() {
-    cv::VideoCapture clip(StemlibTest::sampleDataPath("vtest.avi"));
-    cv::Mat frame;
-    for (int i = 0; i <= 200; ++i) {
-        clip.read(frame);
-    }
-    cv::Mat rgb;
-    cv::cvtColor(frame, rgb, cv::COLOR_BGR2RGB);
-    return rgb;
-}
-
 // The frame as the model sees it.
 std::vector<std::uint8_t> modelPicture() {
-    cv::Mat rgb = clipFrame200();
+    cv::Mat rgb = StemlibTest::sampleClipFrame(200);
     ImageBufferFrameSource source(Resolution(768, 576), rgb.data);
     std::vector<std::uint8_t> picture(kWidth * kHeight * 3);
     source.getFrame(Resolution(kWidth, kHeight), 0, picture.data());
     return picture;
+}
+
+// The clip on the host camera, its engine on the default kernels on `threads` threads.
+std::string clipCamera(int threads) {
+    return StemlibTest::sampleClipCamera(
+        "larod.devices = cpu-tflite\nlarod.threads = " + std::to_string(threads) + "\n");
 }
 
 double wallSeconds() {
@@ -89,77 +84,13 @@ double wallSeconds() {
         .count();
 }
 
-// A host camera described by text, for as long as the object lives.
-class Camera {
-public:
-    explicit Camera(const std::string& text) {
-        std::ofstream(_folder.file("camera.txt")) << text;
-        stemlib_host_load_camera(_folder.file("camera.txt").c_str(), nullptr);
-    }
-    ~Camera() { stemlib_host_load_camera(nullptr, nullptr); }
-    Camera(const Camera&) = delete;
-    Camera& operator=(const Camera&) = delete;
-
-private:
-    StemlibTest::ScratchDirectory _folder;
-};
-
-std::string clipCamera(int threads) {
-    return "root.ImageSource.I0.Sensor.AspectRatio = 4:3\n"
-           "root.Image.I0.Appearance.Rotation = 0\n"
-           "channels = 1\n"
-           "channel.1.resolutions = 768x576\n"
-           "larod.devices = cpu-tflite\n"
-           "larod.threads = " +
-           std::to_string(threads) +
-           "\nvideo.input = file:" + StemlibTest::sampleDataPath("vtest.avi") + "\n";
-}
-
-// The detector with its steps opened up.
-class SteppedDetector : public PosenetPoseDetector {
-public:
-    SteppedDetector() : PosenetPoseDetector(realModel(), "cpu-tflite") {}
-
-    bool copyFrame(ImageFrameSource& source) {
-        return source.getFrame(_inputResolution, 0,
-                               static_cast<std::uint8_t*>(_PosenetInputImageFile->getBuffer()));
-    }
-    bool runJob() {
-        _PosenetOutputMidOffsetsFile->rewind();
-        _PosenetOutputHeatmapsFile->rewind();
-        _PosenetOutputShortOffsetsFile->rewind();
-        return larodRunJob(_larodConnection, _larodJobRequest, nullptr);
-    }
-    void dequantize() {
-        posenetHeatmapDequantizer.dequantize(
-            static_cast<const std::uint8_t*>(_PosenetOutputHeatmapsFile->getBuffer()),
-            _PosenetOutputHeatmapsDequantized.data(), 12121);
-        posenetShortOffsetDequantizer.dequantize(
-            static_cast<const std::uint8_t*>(_PosenetOutputShortOffsetsFile->getBuffer()),
-            _PosenetOutputShortOffsetsDequantized.data(), 24242);
-        posenetMidOffsetDequantizer.dequantize(
-            static_cast<const std::uint8_t*>(_PosenetOutputMidOffsetsFile->getBuffer()),
-            _PosenetOutputMidOffsetsDequantized.data(), 45632);
-    }
-    int decode() {
-        return PosenetDecoder::DecodeAllPoses(_PosenetOutputHeatmapsDequantized.data(),
-                                              _PosenetOutputShortOffsetsDequantized.data(),
-                                              _PosenetOutputMidOffsetsDequantized.data(), 23, 31,
-                                              20, 0.01f, 5, 2.0f, 16, _poses, _scores, _poseScores);
-    }
-
-private:
-    PosenetDecoder::PoseKeypoints _poses[20];
-    PosenetDecoder::PoseKeypointScores _scores[20];
-    float _poseScores[20];
-};
-
 // Frame 200 in a buffer source at the clip's size, and a started detector.
 struct Fixture {
-    cv::Mat rgb = clipFrame200();
+    cv::Mat rgb = StemlibTest::sampleClipFrame(200);
     ImageBufferFrameSource source{Resolution(768, 576), rgb.data};
-    Camera camera{clipCamera(1)};
-    std::unique_ptr<SteppedDetector> detector = std::make_unique<SteppedDetector>();
+    StemlibTest::HostCameraScope camera{clipCamera(1)};
+    std::unique_ptr<StemlibTest::SteppedPosenetDetector> detector =
+        std::make_unique<StemlibTest::SteppedPosenetDetector>(realModel(), "cpu-tflite");
     const IRectangle rectangle{0, 0, 768, 576};
 
     Fixture() {
@@ -355,7 +286,7 @@ BENCHMARK(BM_RealPosenet_Detect_5_Mapping)->Unit(benchmark::kMicrosecond);
 // centre taken. Reported as frames per second; the engine runs on state.range(0) threads.
 void BM_RealPosenet_Road(benchmark::State& state) {
     STEMLIB_BENCH_REQUIRE_MODEL(state);
-    Camera camera(clipCamera(static_cast<int>(state.range(0))));
+    StemlibTest::HostCameraScope camera(clipCamera(static_cast<int>(state.range(0))));
     AxisVideoStreamSource stream(Resolution(768, 576));
     PosenetPoseDetector detector(realModel(), "cpu-tflite");
     detector.initialize();
@@ -379,11 +310,11 @@ void BM_RealPosenet_Road(benchmark::State& state) {
 // so that both meet the same load. Frames per second of each and the speed-up.
 void BM_RealPosenet_RoadThreads(benchmark::State& state) {
     STEMLIB_BENCH_REQUIRE_MODEL(state);
-    std::unique_ptr<Camera> camera = std::make_unique<Camera>(clipCamera(1));
+    auto camera = std::make_unique<StemlibTest::HostCameraScope>(clipCamera(1));
     PosenetPoseDetector one(realModel(), "cpu-tflite");
     one.initialize();
     camera.reset(); // back to the default camera before the next description
-    camera = std::make_unique<Camera>(clipCamera(2));
+    camera = std::make_unique<StemlibTest::HostCameraScope>(clipCamera(2));
     PosenetPoseDetector two(realModel(), "cpu-tflite");
     two.initialize();
     AxisVideoStreamSource stream(Resolution(768, 576));

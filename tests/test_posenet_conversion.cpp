@@ -6,8 +6,6 @@
 #include "ScratchDirectory.h"
 
 #include <gtest/gtest.h>
-#include <opencv2/imgproc.hpp>
-#include <opencv2/videoio.hpp>
 #include <tensorflow/lite/c/c_api.h>
 
 #include <algorithm>
@@ -65,25 +63,6 @@ std::vector<float> floats(const std::vector<std::uint8_t>& bytes) {
     std::vector<float> values(bytes.size() / sizeof(float));
     std::memcpy(values.data(), bytes.data(), values.size() * sizeof(float));
     return values;
-}
-
-// Frame `index` of the sample clip scaled to width x height, as a frame source delivers it.
-std::vector<std::uint8_t> clipFrame(int index, int width, int height) {
-    cv::VideoCapture clip(sampleDataPath("vtest.avi"));
-    cv::Mat frame;
-    for (int i = 0; i <= index; ++i) {
-        clip.read(frame);
-    }
-    cv::Mat rgb;
-    cv::cvtColor(frame, rgb, cv::COLOR_BGR2RGB);
-    Ombrel::ImageBufferFrameSource source(Ombrel::Resolution(static_cast<unsigned int>(rgb.cols),
-                                                             static_cast<unsigned int>(rgb.rows)),
-                                          rgb.data);
-    std::vector<std::uint8_t> picture(static_cast<std::size_t>(width) * height * 3);
-    source.getFrame(
-        Ombrel::Resolution(static_cast<unsigned int>(width), static_cast<unsigned int>(height)), 0,
-        picture.data());
-    return picture;
 }
 
 // The reference outputs (heatmaps, short offsets, mid offsets) of TensorFlow.js's plain
@@ -149,7 +128,7 @@ TEST(PosenetConversion, MatchesTensorFlowJsOnRealPictures) {
         {"messi5.jpg", samplePicture("messi5.jpg", width, height)}};
     if (!kSanitizedBuild) {
         pictures.emplace_back("basketball2.png", samplePicture("basketball2.png", width, height));
-        pictures.emplace_back("vtest.avi frame 200", clipFrame(200, width, height));
+        pictures.emplace_back("vtest.avi frame 200", sampleClipFrame(200, width, height));
     }
     for (const auto& [label, picture] : pictures) {
         SCOPED_TRACE(label);

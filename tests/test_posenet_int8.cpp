@@ -359,11 +359,7 @@ TEST(PosenetInt8, FindsThePeopleTheFloatNetworkFinds) {
             ASSERT_NE(frame, counted) << "a hand-counted frame of the float network's tests";
         }
     }
-    HostCameraScope camera("root.ImageSource.I0.Sensor.AspectRatio = 4:3\n"
-                           "channels = 1\n"
-                           "channel.1.resolutions = 768x576, 384x288\n"
-                           "video.input = file:" +
-                           sampleDataPath("vtest.avi") + "\nvideo.framerate = 0\n");
+    HostCameraScope camera(sampleClipCamera());
     AxisVideoStreamSource stream(Resolution(768, 576));
     OpenPosenet reference(forgedModel(modelforge::posenetModel().name), "cpu-tflite");
     OpenPosenet int8(int8Model(), "");

@@ -134,16 +134,6 @@ std::size_t distinctPeople(const Poses& poses) {
     return seen.size();
 }
 
-// The clip on the host camera, delivered as fast as it is asked for; the stream at its size.
-std::string clipCamera() {
-    return "root.ImageSource.I0.Sensor.AspectRatio = 4:3\n"
-           "root.Image.I0.Appearance.Rotation = 0\n"
-           "channels = 1\n"
-           "channel.1.resolutions = 768x576, 384x288\n"
-           "video.input = file:" +
-           sampleDataPath("vtest.avi") + "\nvideo.framerate = 0\n";
-}
-
 // Takes frames from the stream, cheaply, until the next one delivered is frame `index`.
 void skipTo(AxisVideoStreamSource& stream, int& next, int index) {
     std::vector<std::uint8_t> small(64 * 48 * 3);
@@ -209,7 +199,7 @@ TEST(PosenetRealPictures, FindsTheFootballerUpright) {
 // model's input: people are found where they were counted, and only there.
 TEST(PosenetRealFootage, FindsPeopleWhereTheyWereCounted) {
     STEMLIB_REQUIRE_REAL_POSENET();
-    HostCameraScope camera(clipCamera());
+    HostCameraScope camera(sampleClipCamera());
     AxisVideoStreamSource stream(Resolution(768, 576));
     auto detector = started<PosenetPoseDetector>(modelforge::posenetModel().name);
     // 481 x 353 takes the centred 768 x 563 of the frame.
@@ -248,7 +238,7 @@ bool onCountedPerson(const PoseDetectionBase<BodypixBodyPart>& pose, const Count
 // back to where they stand in the frame.
 TEST(PosenetRealFootage, MosaicOfThePathFindsAsManyAsTheWholeFrame) {
     STEMLIB_REQUIRE_REAL_POSENET();
-    HostCameraScope camera(clipCamera());
+    HostCameraScope camera(sampleClipCamera());
     AxisVideoStreamSource stream(Resolution(768, 576));
     auto whole = started<PosenetPoseDetector>(modelforge::posenetModel().name);
     auto mosaicDetector = started<PosenetPanoDetector>(modelforge::posenetModel().name);
@@ -293,7 +283,7 @@ TEST(PosenetRealFootage, MosaicOfThePathFindsAsManyAsTheWholeFrame) {
 // displacements block by block, not channel by channel, so its poses are not compared.)
 TEST(PosenetRealFootage, OtherInputSizesBindAndRun) {
     STEMLIB_REQUIRE_REAL_POSENET();
-    HostCameraScope camera(clipCamera());
+    HostCameraScope camera(sampleClipCamera());
     RecordingLogger logger;
     ScopedLogger scope(logger);
     AxisVideoStreamSource stream(Resolution(768, 576));

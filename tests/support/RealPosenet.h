@@ -6,7 +6,7 @@
 #include "ForgedModels.h"
 #include "HostInference.h"
 #include "ImageFromImageFileSource.h"
-#include "SampleData.h"
+#include "SampleClip.h"
 
 #include <cstdint>
 #include <string>
