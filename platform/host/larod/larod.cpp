@@ -232,7 +232,9 @@ struct ServiceModel {
     std::string engineMessage; // the engine's last report
 };
 
-void reportEngineMessage(void* userData, const char* format, va_list args) {
+// The engine's printf-style report; the format comes from the engine.
+__attribute__((format(printf, 2, 0))) void reportEngineMessage(void* userData, const char* format,
+                                                               va_list args) {
     auto* model = static_cast<ServiceModel*>(userData);
     char text[512];
     std::vsnprintf(text, sizeof text, format, args);
