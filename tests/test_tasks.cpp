@@ -121,7 +121,10 @@ TEST(TimedTaskThreadBase, PausesStopsAndJobs) {
     EXPECT_EQ(worker.taskCounter.load(), 0) << "stopped in its first pause: no job";
     EXPECT_THROW(worker.stop(), std::system_error) << "a second stop fails in the join";
 
-    Worker busy(0, 300ms); // no pause: jobs run back to back
+    // No pause: jobs run back to back. Set after construction, since the worker's first job
+    // must wait until the derived object is complete.
+    Worker busy(1, 300ms);
+    busy.setSleepTime(0);
     ASSERT_TRUE(eventually([&] { return busy.inJob.load(); }));
     const int before = busy.taskCounter;
     start = Clock::now();
