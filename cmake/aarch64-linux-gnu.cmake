@@ -6,6 +6,8 @@
 #   cmake -S . -B build-arm64 --toolchain cmake/aarch64-linux-gnu.cmake
 #
 # STEMLIB_ARM64_SYSROOT and STEMLIB_TFLITE_DIR (cache or environment) point elsewhere.
+# STEMLIB_EXTRA_FIND_ROOTS (cache) lists further sysroot-like folders to search, such as the
+# camera SDK's libraries laid out by scripts/check-sdk-platform.sh --arm64.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR aarch64)
 set(CMAKE_LIBRARY_ARCHITECTURE aarch64-linux-gnu)
@@ -32,7 +34,7 @@ if(NOT EXISTS "${STEMLIB_ARM64_SYSROOT}/.stemlib-sysroot")
                         "scripts/make-arm64-sysroot.sh (scripts/install-deps.sh does).")
 endif()
 # Passed on to try_compile projects, which read this file again.
-list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES STEMLIB_ARM64_SYSROOT)
+list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES STEMLIB_ARM64_SYSROOT STEMLIB_EXTRA_FIND_ROOTS)
 
 # The arm64 engine of the host inference service; the default of cmake/StemlibTFLite.cmake is
 # the PC's own.
@@ -44,7 +46,9 @@ set(STEMLIB_TFLITE_DIR "${_stemlib_cache}/tflite-2.9-arm64" CACHE PATH
 
 set(CMAKE_SYSROOT "${STEMLIB_ARM64_SYSROOT}")
 # The engine's folder is a root of its own, so that its absolute paths are searched as they are.
-set(CMAKE_FIND_ROOT_PATH "${STEMLIB_ARM64_SYSROOT}" "${STEMLIB_TFLITE_DIR}")
+# STEMLIB_EXTRA_FIND_ROOTS adds folders laid out like a sysroot beside it, such as a camera SDK's.
+set(CMAKE_FIND_ROOT_PATH "${STEMLIB_ARM64_SYSROOT}" "${STEMLIB_TFLITE_DIR}"
+    ${STEMLIB_EXTRA_FIND_ROOTS})
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
@@ -53,7 +57,6 @@ set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 set(ENV{PKG_CONFIG_SYSROOT_DIR} "${STEMLIB_ARM64_SYSROOT}")
 set(ENV{PKG_CONFIG_LIBDIR}
     "${STEMLIB_ARM64_SYSROOT}/usr/lib/aarch64-linux-gnu/pkgconfig:${STEMLIB_ARM64_SYSROOT}/usr/share/pkgconfig")
-set(ENV{PKG_CONFIG_PATH} "")
 
 # No binfmt_misc is assumed: every arm64 program is started through the emulator.
 find_program(STEMLIB_QEMU_AARCH64 qemu-aarch64-static)
