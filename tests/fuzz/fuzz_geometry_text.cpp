@@ -66,7 +66,10 @@ void exercise(const FPolygon& normalized) {
         (void)asFloat.contains(probe);
     }
     (void)asFloat.contains(FRectangle(10.0f, 10.0f, 100.0f, 50.0f));
-    (void)asFloat.contains(back);
+    // Polygon in polygon is quadratic in the vertices; the reader allows 100000 of them.
+    if (back.getNPoints() <= 1000) {
+        (void)asFloat.contains(back);
+    }
 }
 
 } // namespace
