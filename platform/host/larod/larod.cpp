@@ -12,6 +12,8 @@
 #include "HostCamera.h"
 #include "stemlib-host-larod.h"
 
+#include <flatbuffers/flatbuffers.h>
+#include <flatbuffers/flexbuffers.h>
 #include <tensorflow/lite/c/c_api.h>
 
 #include <algorithm>
@@ -242,6 +244,67 @@ __attribute__((format(printf, 2, 0))) void reportEngineMessage(void* userData, c
 }
 
 std::atomic<std::uint64_t> g_nextModelId{1};
+
+// TensorFlow Lite 2.9 reads a custom operator's options (a FlexBuffer, such as the options of
+// TFLite_Detection_PostProcess) without checking them, and crashes on damaged ones while it
+// builds the interpreter. Every operator's custom options are therefore checked first, walking
+// only the tables on the way to them, each verified before it is read. Field slots are those of
+// the model format: Model.subgraphs 2, SubGraph.operators 3, Operator.custom_options 5 (behind
+// the two slots of the builtin options union) and Operator.custom_options_format 6 (0 is
+// FlexBuffers).
+bool customOptionsAreSound(const std::vector<std::uint8_t>& bytes, std::string& problem) {
+    using flatbuffers::Offset;
+    using flatbuffers::Table;
+    using flatbuffers::Vector;
+    constexpr auto slot = [](int n) { return static_cast<flatbuffers::voffset_t>(4 + 2 * n); };
+    flatbuffers::Verifier verifier(bytes.data(), bytes.size());
+    const auto damaged = [&problem](const std::string& what) {
+        problem = "the model's " + what + " are damaged";
+        return false;
+    };
+    if (!verifier.VerifyAlignment(0, sizeof(flatbuffers::uoffset_t)) ||
+        !verifier.Verify<flatbuffers::uoffset_t>(0)) {
+        return damaged("tables");
+    }
+    const Table* model = flatbuffers::GetRoot<Table>(bytes.data());
+    if (!model->VerifyTableStart(verifier) || !model->VerifyOffset(verifier, slot(2))) {
+        return damaged("tables");
+    }
+    const auto* subgraphs = model->GetPointer<const Vector<Offset<Table>>*>(slot(2));
+    if (subgraphs != nullptr && !verifier.VerifyVector(subgraphs)) {
+        return damaged("subgraphs");
+    }
+    for (flatbuffers::uoffset_t g = 0; subgraphs != nullptr && g < subgraphs->size(); ++g) {
+        const Table* subgraph = subgraphs->Get(g);
+        if (!subgraph->VerifyTableStart(verifier) || !subgraph->VerifyOffset(verifier, slot(3))) {
+            return damaged("subgraphs");
+        }
+        const auto* operators = subgraph->GetPointer<const Vector<Offset<Table>>*>(slot(3));
+        if (operators != nullptr && !verifier.VerifyVector(operators)) {
+            return damaged("operators");
+        }
+        for (flatbuffers::uoffset_t o = 0; operators != nullptr && o < operators->size(); ++o) {
+            const Table* op = operators->Get(o);
+            if (!op->VerifyTableStart(verifier) || !op->VerifyOffset(verifier, slot(5)) ||
+                !op->VerifyField<std::int8_t>(verifier, slot(6), 1)) {
+                return damaged("operators");
+            }
+            const auto* options = op->GetPointer<const Vector<std::uint8_t>*>(slot(5));
+            if (options != nullptr && !verifier.VerifyVector(options)) {
+                return damaged("operators");
+            }
+            if (options != nullptr && options->size() > 0 &&
+                op->GetField<std::int8_t>(slot(6), 0) == 0 &&
+                !flexbuffers::VerifyBuffer(options->data(), options->size())) {
+                return damaged("custom options of operator " + std::to_string(o));
+            }
+            verifier.EndTable();
+        }
+        verifier.EndTable();
+    }
+    verifier.EndTable();
+    return true;
+}
 
 // Reads the whole file from offset 0, without moving the descriptor's position.
 bool readModelFile(int fd, std::vector<std::uint8_t>& bytes, std::string& problem) {
@@ -532,6 +595,11 @@ extern "C" larodModel* larodLoadModel(larodConnection* conn, int fd, const larod
     if (!model->model) {
         return fail(LAROD_ERROR_LOAD_MODEL,
                     "the file \"" + model->name + "\" is not a valid TensorFlow Lite model");
+    }
+    if (!customOptionsAreSound(model->bytes, problem)) {
+        return fail(LAROD_ERROR_LOAD_MODEL,
+                    "the file \"" + model->name +
+                        "\" is not a valid TensorFlow Lite model: " + problem);
     }
     model->options.reset(TfLiteInterpreterOptionsCreate());
     TfLiteInterpreterOptionsSetNumThreads(model->options.get(), threadCount());
