@@ -245,14 +245,14 @@ __attribute__((format(printf, 2, 0))) void reportEngineMessage(void* userData, c
 
 std::atomic<std::uint64_t> g_nextModelId{1};
 
-// TensorFlow Lite 2.9 reads a custom operator's options (a FlexBuffer, such as the options of
-// TFLite_Detection_PostProcess) without checking them, and crashes on damaged ones while it
-// builds the interpreter. Every operator's custom options are therefore checked first, walking
-// only the tables on the way to them, each verified before it is read. Field slots are those of
-// the model format: Model.subgraphs 2, SubGraph.operators 3, Operator.custom_options 5 (behind
-// the two slots of the builtin options union) and Operator.custom_options_format 6 (0 is
-// FlexBuffers).
-bool customOptionsAreSound(const std::vector<std::uint8_t>& bytes, std::string& problem) {
+// What TensorFlow Lite 2.9 reads without checking while it builds the interpreter, and crashes on
+// when it is missing or damaged: the model's list of subgraphs, and each custom operator's
+// options (a FlexBuffer, such as the options of TFLite_Detection_PostProcess). These are checked
+// first, walking only the tables on the way to them, each verified before it is read. Field
+// slots are those of the model format: Model.subgraphs 2, SubGraph.operators 3,
+// Operator.custom_options 5 (behind the two slots of the builtin options union) and
+// Operator.custom_options_format 6 (0 is FlexBuffers).
+bool engineCanBuild(const std::vector<std::uint8_t>& bytes, std::string& problem) {
     using flatbuffers::Offset;
     using flatbuffers::Table;
     using flatbuffers::Vector;
@@ -271,10 +271,14 @@ bool customOptionsAreSound(const std::vector<std::uint8_t>& bytes, std::string& 
         return damaged("tables");
     }
     const auto* subgraphs = model->GetPointer<const Vector<Offset<Table>>*>(slot(2));
-    if (subgraphs != nullptr && !verifier.VerifyVector(subgraphs)) {
+    if (subgraphs == nullptr) {
+        problem = "the model has no subgraphs";
+        return false;
+    }
+    if (!verifier.VerifyVector(subgraphs)) {
         return damaged("subgraphs");
     }
-    for (flatbuffers::uoffset_t g = 0; subgraphs != nullptr && g < subgraphs->size(); ++g) {
+    for (flatbuffers::uoffset_t g = 0; g < subgraphs->size(); ++g) {
         const Table* subgraph = subgraphs->Get(g);
         if (!subgraph->VerifyTableStart(verifier) || !subgraph->VerifyOffset(verifier, slot(3))) {
             return damaged("subgraphs");
@@ -596,7 +600,7 @@ extern "C" larodModel* larodLoadModel(larodConnection* conn, int fd, const larod
         return fail(LAROD_ERROR_LOAD_MODEL,
                     "the file \"" + model->name + "\" is not a valid TensorFlow Lite model");
     }
-    if (!customOptionsAreSound(model->bytes, problem)) {
+    if (!engineCanBuild(model->bytes, problem)) {
         return fail(LAROD_ERROR_LOAD_MODEL,
                     "the file \"" + model->name +
                         "\" is not a valid TensorFlow Lite model: " + problem);
