@@ -19,6 +19,8 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
+#include <csignal>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -31,6 +33,8 @@
 #include <optional>
 #include <string>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
 #include <vector>
 
@@ -244,6 +248,62 @@ __attribute__((format(printf, 2, 0))) void reportEngineMessage(void* userData, c
 }
 
 std::atomic<std::uint64_t> g_nextModelId{1};
+
+// On the camera the engine runs inside the inference service's own process, so a model that
+// crashes it cannot take the application down. TensorFlow Lite 2.9 trusts much of a model: damaged
+// indices crash it while it builds the interpreter, and damaged slice or reshape constants make
+// its kernels read outside their buffers. The stand-in therefore first builds, prepares and runs
+// a new model once, on zeroed inputs, in a child process, and refuses it if the engine dies
+// there. A child still running after a minute is ended and the model accepted.
+void ignoreEngineMessage(void*, const char*, va_list) {}
+
+bool engineSurvivesTheModel(const TfLiteModel* model, std::string& problem) {
+    constexpr int kEngineRefused = 42;
+    const pid_t child = ::fork();
+    if (child < 0) {
+        return true; // no trial possible; the model is taken as it is
+    }
+    if (child == 0) {
+        // Die of the signal itself, without the process's crash handlers.
+        for (const int signal : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT}) {
+            std::signal(signal, SIG_DFL);
+        }
+        TfLiteInterpreterOptions* options = TfLiteInterpreterOptionsCreate();
+        TfLiteInterpreterOptionsSetErrorReporter(options, ignoreEngineMessage, nullptr);
+        TfLiteInterpreter* interpreter = TfLiteInterpreterCreate(model, options);
+        if (interpreter == nullptr || TfLiteInterpreterAllocateTensors(interpreter) != kTfLiteOk) {
+            ::_exit(kEngineRefused);
+        }
+        for (int32_t i = 0; i < TfLiteInterpreterGetInputTensorCount(interpreter); ++i) {
+            TfLiteTensor* tensor = TfLiteInterpreterGetInputTensor(interpreter, i);
+            if (TfLiteTensorData(tensor) != nullptr) {
+                std::memset(TfLiteTensorData(tensor), 0, TfLiteTensorByteSize(tensor));
+            }
+        }
+        ::_exit(TfLiteInterpreterInvoke(interpreter) == kTfLiteOk ? 0 : kEngineRefused);
+    }
+    int status = 0;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::minutes(1);
+    for (;;) {
+        const pid_t done = ::waitpid(child, &status, WNOHANG);
+        if (done == child || (done < 0 && errno != EINTR)) {
+            break;
+        }
+        if (std::chrono::steady_clock::now() > deadline) {
+            ::kill(child, SIGKILL);
+            ::waitpid(child, &status, 0);
+            return true;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    if (WIFEXITED(status) && (WEXITSTATUS(status) == 0 || WEXITSTATUS(status) == kEngineRefused)) {
+        return true; // a refusal is reported by the real build
+    }
+    problem = WIFSIGNALED(status) ? "TensorFlow Lite crashes on it (signal " +
+                                        std::to_string(WTERMSIG(status)) + ")"
+                                  : "TensorFlow Lite crashes on it";
+    return false;
+}
 
 // What TensorFlow Lite 2.9 reads without checking while it builds the interpreter, and crashes on
 // when it is missing or damaged: the model's list of subgraphs, and each custom operator's
@@ -604,6 +664,11 @@ extern "C" larodModel* larodLoadModel(larodConnection* conn, int fd, const larod
         return fail(LAROD_ERROR_LOAD_MODEL,
                     "the file \"" + model->name +
                         "\" is not a valid TensorFlow Lite model: " + problem);
+    }
+    if (!engineSurvivesTheModel(model->model.get(), problem)) {
+        return fail(LAROD_ERROR_LOAD_MODEL,
+                    "the file \"" + model->name +
+                        "\" is not a usable TensorFlow Lite model: " + problem);
     }
     model->options.reset(TfLiteInterpreterOptionsCreate());
     TfLiteInterpreterOptionsSetNumThreads(model->options.get(), threadCount());
