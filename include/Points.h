@@ -43,6 +43,11 @@ T truncateTo(double value) {
     }
 }
 
+// sqrt(dx * dx + dy * dy): squares and sum rounded to single precision each, root in double,
+// narrowed to float. Compiled in the library, where no multiply-add fuses a square with the sum
+// whatever the application's compiler settings.
+float planeDistance(float dx, float dy);
+
 } // namespace detail
 
 template <typename T>
@@ -57,8 +62,7 @@ struct PointT {
     float distance(const PointT<T>& other) const {
         const float dx = static_cast<float>(x) - static_cast<float>(other.x);
         const float dy = static_cast<float>(y) - static_cast<float>(other.y);
-        const float sum = dx * dx + dy * dy;
-        return static_cast<float>(std::sqrt(static_cast<double>(sum)));
+        return detail::planeDistance(dx, dy);
     }
 
     // "(x, y)", as the stream form.

@@ -129,12 +129,14 @@ public:
             const float currentY = static_cast<float>(points[i].y);
             const float cond1 = (previousX - point.x) * (currentY - point.y);
             const float cond2 = (previousY - point.y) * (currentX - point.x);
-            const float cond = cond1 - cond2;
+            // The sign of cond1 - cond2, taken by comparing: a subtraction could be fused with
+            // a product into a multiply-add (AArch64 compilers do so by default in applications),
+            // which keeps that product unrounded and makes a point on the edge's line count.
             if (previousY <= point.y) {
-                if (currentY > point.y && cond > 0.0f) {
+                if (currentY > point.y && cond1 > cond2) {
                     ++nWindingNumber;
                 }
-            } else if (currentY <= point.y && cond < 0.0f) {
+            } else if (currentY <= point.y && cond1 < cond2) {
                 --nWindingNumber;
             }
             previousX = currentX;

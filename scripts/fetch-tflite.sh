@@ -9,6 +9,10 @@
 #     lib/libtensorflowlite_c.so
 #
 # The build (cmake/StemlibTFLite.cmake) looks in the same place. Quick when already present.
+#
+# `scripts/fetch-tflite.sh --arch arm64` (or amd64) fetches another architecture's library, for a
+# cross build, into ${XDG_CACHE_HOME:-$HOME/.cache}/stemlib/tflite-2.9-<arch> (or
+# $STEMLIB_TFLITE_DIR); cmake/aarch64-linux-gnu.cmake looks there.
 set -euo pipefail
 
 PACKAGE="tfjs-tflite-node@0.0.2"
@@ -18,11 +22,17 @@ SHA256="3be1632328a76a2475e5b6833253763c802c859433becb4d879ee1860e3b5284"
 CACHE_ROOT="${XDG_CACHE_HOME:-$HOME/.cache}"
 DEST="${STEMLIB_TFLITE_DIR:-$CACHE_ROOT/stemlib/tflite-2.9}"
 
-case "$(uname -m)" in
+ARCH="$(uname -m)"
+if [ "${1:-}" = "--arch" ] && [ -n "${2:-}" ]; then
+    ARCH="$2"
+    DEST="${STEMLIB_TFLITE_DIR:-$CACHE_ROOT/stemlib/tflite-2.9-$ARCH}"
+fi
+
+case "$ARCH" in
     x86_64 | amd64) ARCH_DIR="linux_amd64" ;;
     aarch64 | arm64) ARCH_DIR="linux_arm64" ;;
     *)
-        echo "fetch-tflite: no prebuilt TensorFlow Lite library for $(uname -m)" >&2
+        echo "fetch-tflite: no prebuilt TensorFlow Lite library for $ARCH" >&2
         exit 1
         ;;
 esac

@@ -7,8 +7,11 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <regex>
 #include <system_error>
+#include <thread>
+#include <vector>
 
 using namespace Ombrel;
 using namespace std::chrono_literals;
@@ -118,11 +121,37 @@ TEST(TimedTaskThreadBase, PausesStopsAndJobs) {
     EXPECT_EQ(worker.taskCounter.load(), 0) << "stopped in its first pause: no job";
     EXPECT_THROW(worker.stop(), std::system_error) << "a second stop fails in the join";
 
-    Worker busy(0, 300ms); // no pause: jobs run back to back
+    // No pause: jobs run back to back. Set after construction, since the worker's first job
+    // must wait until the derived object is complete.
+    Worker busy(1, 300ms);
+    busy.setSleepTime(0);
     ASSERT_TRUE(eventually([&] { return busy.inJob.load(); }));
     const int before = busy.taskCounter;
     start = Clock::now();
     busy.stop();
     EXPECT_GE(Clock::now() - start, 50ms) << "stop blocks in the join while the job runs";
     EXPECT_EQ(busy.taskCounter.load(), before + 1) << "the job under way completes and is counted";
+}
+
+TEST(ThreadController, KillWakesEveryWaiterAtOnceUntilStartClearsIt) {
+    ThreadController controller;
+    std::atomic<int> stopped{0};
+    std::vector<std::thread> waiters;
+    const auto start = Clock::now();
+    for (int i = 0; i < 3; ++i) {
+        waiters.emplace_back([&] {
+            if (!controller.wait_for(30s)) {
+                ++stopped;
+            }
+        });
+    }
+    std::this_thread::sleep_for(50ms);
+    controller.kill();
+    for (std::thread& waiter : waiters) {
+        waiter.join();
+    }
+    EXPECT_EQ(stopped.load(), 3);
+    EXPECT_LT(Clock::now() - start, 5s);
+    EXPECT_FALSE(controller.wait_for(30s)) << "the flag stays set for later waiters";
+    EXPECT_TRUE(controller.start(1s)) << "start clears the flag, so the time runs out";
 }

@@ -13,11 +13,15 @@
 #include "XnnpackDelegate.h"
 #include "stemlib-host-larod.h"
 
+#include <flatbuffers/flatbuffers.h>
+#include <flatbuffers/flexbuffers.h>
 #include <tensorflow/lite/c/c_api.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
+#include <csignal>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -28,9 +32,13 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
+#include <string_view>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <syslog.h>
+#include <thread>
 #include <unistd.h>
 #include <vector>
 
@@ -294,7 +302,9 @@ struct ServiceModel {
     std::string engineMessage; // the engine's last report
 };
 
-void reportEngineMessage(void* userData, const char* format, va_list args) {
+// The engine's printf-style report; the format comes from the engine.
+__attribute__((format(printf, 2, 0))) void reportEngineMessage(void* userData, const char* format,
+                                                               va_list args) {
     auto* model = static_cast<ServiceModel*>(userData);
     char text[512];
     std::vsnprintf(text, sizeof text, format, args);
@@ -302,6 +312,145 @@ void reportEngineMessage(void* userData, const char* format, va_list args) {
 }
 
 std::atomic<std::uint64_t> g_nextModelId{1};
+
+// On the camera the engine runs inside the inference service's own process, so a model that
+// crashes it cannot take the application down. TensorFlow Lite 2.9 trusts much of a model: damaged
+// indices crash it while it builds the interpreter, and damaged slice or reshape constants make
+// its kernels read outside their buffers. The stand-in therefore first builds, prepares and runs
+// a new model once, on zeroed inputs, in a child process, and refuses it if the engine dies
+// there. A child still running after a minute is ended and the model accepted.
+void ignoreEngineMessage(void*, const char*, va_list) {}
+
+// Models that survived their trial run in this process, by size and content hash, so that a
+// model loaded again (each detector's initialize loads its file) is not tried again.
+std::mutex g_survivorsMutex;
+std::set<std::pair<std::size_t, std::size_t>> g_survivors;
+
+std::pair<std::size_t, std::size_t> survivorKey(const std::vector<std::uint8_t>& bytes) {
+    return {bytes.size(), std::hash<std::string_view>{}(std::string_view(
+                              reinterpret_cast<const char*>(bytes.data()), bytes.size()))};
+}
+
+bool engineSurvivedBefore(const std::vector<std::uint8_t>& bytes) {
+    const std::lock_guard<std::mutex> lock(g_survivorsMutex);
+    return g_survivors.count(survivorKey(bytes)) != 0;
+}
+
+bool engineSurvivesTheModel(const TfLiteModel* model, const std::vector<std::uint8_t>& bytes,
+                            std::string& problem) {
+    constexpr int kEngineRefused = 42;
+    const pid_t child = ::fork();
+    if (child < 0) {
+        return true; // no trial possible; the model is taken as it is
+    }
+    if (child == 0) {
+        // Die of the signal itself, without the process's crash handlers.
+        for (const int signal : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT}) {
+            std::signal(signal, SIG_DFL);
+        }
+        TfLiteInterpreterOptions* options = TfLiteInterpreterOptionsCreate();
+        TfLiteInterpreterOptionsSetErrorReporter(options, ignoreEngineMessage, nullptr);
+        TfLiteInterpreter* interpreter = TfLiteInterpreterCreate(model, options);
+        if (interpreter == nullptr || TfLiteInterpreterAllocateTensors(interpreter) != kTfLiteOk) {
+            ::_exit(kEngineRefused);
+        }
+        for (int32_t i = 0; i < TfLiteInterpreterGetInputTensorCount(interpreter); ++i) {
+            TfLiteTensor* tensor = TfLiteInterpreterGetInputTensor(interpreter, i);
+            if (TfLiteTensorData(tensor) != nullptr) {
+                std::memset(TfLiteTensorData(tensor), 0, TfLiteTensorByteSize(tensor));
+            }
+        }
+        ::_exit(TfLiteInterpreterInvoke(interpreter) == kTfLiteOk ? 0 : kEngineRefused);
+    }
+    int status = 0;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::minutes(1);
+    for (;;) {
+        const pid_t done = ::waitpid(child, &status, WNOHANG);
+        if (done == child || (done < 0 && errno != EINTR)) {
+            break;
+        }
+        if (std::chrono::steady_clock::now() > deadline) {
+            ::kill(child, SIGKILL);
+            ::waitpid(child, &status, 0);
+            return true;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    if (WIFEXITED(status) && (WEXITSTATUS(status) == 0 || WEXITSTATUS(status) == kEngineRefused)) {
+        const std::lock_guard<std::mutex> lock(g_survivorsMutex);
+        g_survivors.insert(survivorKey(bytes));
+        return true; // a refusal is reported by the real build
+    }
+    problem = WIFSIGNALED(status) ? "TensorFlow Lite crashes on it (signal " +
+                                        std::to_string(WTERMSIG(status)) + ")"
+                                  : "TensorFlow Lite crashes on it";
+    return false;
+}
+
+// What TensorFlow Lite 2.9 reads without checking while it builds the interpreter, and crashes on
+// when it is missing or damaged: the model's list of subgraphs, and each custom operator's
+// options (a FlexBuffer, such as the options of TFLite_Detection_PostProcess). These are checked
+// first, walking only the tables on the way to them, each verified before it is read. Field
+// slots are those of the model format: Model.subgraphs 2, SubGraph.operators 3,
+// Operator.custom_options 5 (behind the two slots of the builtin options union) and
+// Operator.custom_options_format 6 (0 is FlexBuffers).
+bool engineCanBuild(const std::vector<std::uint8_t>& bytes, std::string& problem) {
+    using flatbuffers::Offset;
+    using flatbuffers::Table;
+    using flatbuffers::Vector;
+    constexpr auto slot = [](int n) { return static_cast<flatbuffers::voffset_t>(4 + 2 * n); };
+    flatbuffers::Verifier verifier(bytes.data(), bytes.size());
+    const auto damaged = [&problem](const std::string& what) {
+        problem = "the model's " + what + " are damaged";
+        return false;
+    };
+    if (!verifier.VerifyAlignment(0, sizeof(flatbuffers::uoffset_t)) ||
+        !verifier.Verify<flatbuffers::uoffset_t>(0)) {
+        return damaged("tables");
+    }
+    const Table* model = flatbuffers::GetRoot<Table>(bytes.data());
+    if (!model->VerifyTableStart(verifier) || !model->VerifyOffset(verifier, slot(2))) {
+        return damaged("tables");
+    }
+    const auto* subgraphs = model->GetPointer<const Vector<Offset<Table>>*>(slot(2));
+    if (subgraphs == nullptr) {
+        problem = "the model has no subgraphs";
+        return false;
+    }
+    if (!verifier.VerifyVector(subgraphs)) {
+        return damaged("subgraphs");
+    }
+    for (flatbuffers::uoffset_t g = 0; g < subgraphs->size(); ++g) {
+        const Table* subgraph = subgraphs->Get(g);
+        if (!subgraph->VerifyTableStart(verifier) || !subgraph->VerifyOffset(verifier, slot(3))) {
+            return damaged("subgraphs");
+        }
+        const auto* operators = subgraph->GetPointer<const Vector<Offset<Table>>*>(slot(3));
+        if (operators != nullptr && !verifier.VerifyVector(operators)) {
+            return damaged("operators");
+        }
+        for (flatbuffers::uoffset_t o = 0; operators != nullptr && o < operators->size(); ++o) {
+            const Table* op = operators->Get(o);
+            if (!op->VerifyTableStart(verifier) || !op->VerifyOffset(verifier, slot(5)) ||
+                !op->VerifyField<std::int8_t>(verifier, slot(6), 1)) {
+                return damaged("operators");
+            }
+            const auto* options = op->GetPointer<const Vector<std::uint8_t>*>(slot(5));
+            if (options != nullptr && !verifier.VerifyVector(options)) {
+                return damaged("operators");
+            }
+            if (options != nullptr && options->size() > 0 &&
+                op->GetField<std::int8_t>(slot(6), 0) == 0 &&
+                !flexbuffers::VerifyBuffer(options->data(), options->size())) {
+                return damaged("custom options of operator " + std::to_string(o));
+            }
+            verifier.EndTable();
+        }
+        verifier.EndTable();
+    }
+    verifier.EndTable();
+    return true;
+}
 
 // Reads the whole file from offset 0, without moving the descriptor's position.
 bool readModelFile(int fd, std::vector<std::uint8_t>& bytes, std::string& problem) {
@@ -610,6 +759,17 @@ extern "C" larodModel* larodLoadModel(larodConnection* conn, int fd, const larod
     if (!model->model) {
         return fail(LAROD_ERROR_LOAD_MODEL,
                     "the file \"" + model->name + "\" is not a valid TensorFlow Lite model");
+    }
+    if (!engineCanBuild(model->bytes, problem)) {
+        return fail(LAROD_ERROR_LOAD_MODEL,
+                    "the file \"" + model->name +
+                        "\" is not a valid TensorFlow Lite model: " + problem);
+    }
+    if (!engineSurvivedBefore(model->bytes) &&
+        !engineSurvivesTheModel(model->model.get(), model->bytes, problem)) {
+        return fail(LAROD_ERROR_LOAD_MODEL,
+                    "the file \"" + model->name +
+                        "\" is not a usable TensorFlow Lite model: " + problem);
     }
     const int threads = threadCount();
     const std::string where = "larod: model \"" + model->name + "\" on " + dev->name + ": ";
