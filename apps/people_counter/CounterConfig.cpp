@@ -87,13 +87,13 @@ bool readNumber(std::istream& in, const std::string& what, float low, float high
 
 CounterSettings CounterSettings::defaults() {
     CounterSettings settings;
-    settings.areas[0] =
-        FAOI(true, clipPolygon({0, 186, 480, 190, 768, 262, 768, 492, 440, 338, 0, 243}), 5);
+    settings.areas[0] = FAOI(
+        true, clipPolygon({0, 186, 470, 188, 650, 118, 768, 150, 768, 492, 440, 338, 0, 243}), 5);
     settings.areas[1] =
         FAOI(true, clipPolygon({0, 250, 300, 294, 440, 346, 768, 500, 768, 576, 0, 576}), 10);
     settings.areas[2] = FAOI();
     settings.entrances[0] =
-        FActivablePolygon(true, clipPolygon({0, 180, 430, 186, 430, 336, 0, 246}));
+        FActivablePolygon(true, clipPolygon({0, 168, 250, 172, 250, 290, 0, 250}));
     settings.exclusions[0] =
         FActivablePolygon(true, clipPolygon({405, 196, 452, 196, 452, 250, 405, 250}));
     return settings;

@@ -45,8 +45,9 @@ struct CounterSettings {
     float trackGate = 0.05f;
 
     // The settings that fit the sample clip: the path (area 0, 5 s), the lawn (area 1, 10 s),
-    // the west end of the path as the entrance, whose edge across the path at the lamp post is
-    // the line counted, and an exclusion over the lamp post's sign.
+    // the west end of the path as the entrance, whose edge across the path (x = 250 of the
+    // clip's 768) is the line counted: walking west across it enters, walking east exits; and
+    // an exclusion over the lamp post's sign.
     static CounterSettings defaults();
 
     // The lines behind the configuration head.

@@ -537,6 +537,7 @@ void PeopleCounter::publish(long frameIndex, double now, double fps) {
     status.calibrationObservations = _calibration.countCalibrationObservations();
     status.walkingSpeed = walkingSpeed();
     status.snapshotFrame = _snapshotFrame;
+    status.configVersion = _appliedVersion;
     std::lock_guard<std::mutex> lock(_lock);
     _published = std::move(status);
 }

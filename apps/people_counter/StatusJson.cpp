@@ -96,7 +96,7 @@ std::string toJson(const CounterStatus& s) {
         << ",\"observations\":" << s.calibrationObservations << ",\"walkingSpeed\":"
         << (s.walkingSpeed < 0.0 ? std::string("null") : number(s.walkingSpeed))
         << "},\"snapshot\":{\"file\":" << jsonString(s.snapshotFile)
-        << ",\"frame\":" << s.snapshotFrame << "}}";
+        << ",\"frame\":" << s.snapshotFrame << "},\"configVersion\":" << s.configVersion << "}";
     return out.str();
 }
 

@@ -13,7 +13,7 @@
 //                                                           "floor": null until calibrated
 //    "calibration":{"status":"Observations: 3","calibrated":false,"observations":3,
 //                   "walkingSpeed":null},
-//    "snapshot":{"file":"snapshot.png","frame":110}}
+//    "snapshot":{"file":"snapshot.png","frame":110},"configVersion":0}
 #pragma once
 
 #include "CommonStructs.h"
@@ -62,6 +62,7 @@ struct CounterStatus {
     double walkingSpeed = -1.0; // median of people's floor speeds in m/s; negative: unknown
     std::string snapshotFile = "snapshot.png";
     long snapshotFrame = -1;
+    long configVersion = 0; // settings taken over by the analysis loop since the start
 };
 
 std::string toJson(const CounterStatus& status);
