@@ -13,6 +13,7 @@ PACKAGES=(
     fonts-noto-core fonts-wqy-microhei fonts-tlwg-loma-ttf
     opencv-doc
     lighttpd apache2-utils wrk
+    chromium nlohmann-json3-dev
 )
 
 SUDO=""
