@@ -151,9 +151,13 @@ bool PeopleCounter::initialize() {
     // The web page: the socket lives in the package's html folder, which exists on a camera;
     // on a PC it can be made only with the rights to /usr/local/packages.
     std::error_code ignored;
-    fs::create_directories("/usr/local/packages/" + _appName + "/html", ignored);
+    if (_options.web) {
+        fs::create_directories("/usr/local/packages/" + _appName + "/html", ignored);
+    }
     try {
-        _web = std::make_unique<CounterWebServer>(_appName, *this);
+        if (_options.web) {
+            _web = std::make_unique<CounterWebServer>(_appName, *this);
+        }
     } catch (const std::exception& e) {
         const std::string why = "the web page's socket " + socketPath() + " cannot be opened (" +
                                 e.what() + "): its folder must exist and be writable";

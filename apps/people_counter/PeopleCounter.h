@@ -75,6 +75,7 @@ struct Options {
     double fps = 0.0;        // the video's frame rate, when the camera cannot tell
     Ombrel::Resolution size; // analysis resolution; 0x0: from the camera
     bool serve = false;      // web page required; keep analysing past the clip's end
+    bool web = true;         // open the web page's socket (where its folder allows)
     bool writeVideo = true;
     double snapshotSeconds = 1.0; // video seconds between snapshots
     bool progress = true;

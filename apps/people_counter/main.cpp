@@ -19,6 +19,7 @@
 //   --name NAME         application name: log, socket and package folder (default people_counter)
 //   --serve             keep analysing until stopped, with the web page required
 //   --no-video          no annotated video
+//   --no-web            no web page (its socket and package folder are left alone)
 //   --snapshot-seconds S  video seconds between snapshots (default 1)
 //   --quiet             no progress lines
 // SIGINT and SIGTERM stop it after the frame in hand, with everything written.
@@ -57,7 +58,7 @@ int usage(const char* problem) {
                  "usage: people_counter [--camera FILE | --video FILE | --images DIR] [--fast]\n"
                  "         [--frames N] [--fps F] [--size WxH] [--model FILE] [--device NAME]\n"
                  "         [--threads N] [--mosaic] [--out DIR] [--config FILE] [--name NAME]\n"
-                 "         [--serve] [--no-video] [--snapshot-seconds S] [--quiet]\n");
+                 "         [--serve] [--no-video] [--no-web] [--snapshot-seconds S] [--quiet]\n");
     return 2;
 }
 
@@ -84,6 +85,8 @@ int main(int argc, char** argv) {
             options.serve = true;
         } else if (flag == "--no-video") {
             options.writeVideo = false;
+        } else if (flag == "--no-web") {
+            options.web = false;
         } else if (flag == "--quiet") {
             options.progress = false;
         } else if (flag == "--help" || flag == "-h") {
@@ -143,6 +146,9 @@ int main(int argc, char** argv) {
         } else {
             return usage(("unknown option: " + flag).c_str());
         }
+    }
+    if (options.serve && !options.web) {
+        return usage("--serve needs the web page: leave out --no-web");
     }
     if (static_cast<int>(!options.camera.description.empty()) +
             static_cast<int>(!options.camera.video.empty()) +
