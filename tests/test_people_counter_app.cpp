@@ -46,19 +46,32 @@ std::vector<std::string> lines(const std::string& path) {
 }
 
 // Crossings of the default entrance's edge across the path (x = 250 of the clip's 768 pixels),
-// found by looking at the clip frame by frame: the frame at which the person's feet pass the
-// line, and which way. Walking west into the entrance is an entry, walking east an exit.
+// found by looking at the whole clip, frame by frame: the frame at which the person's feet pass
+// the line, and which way. Walking west into the entrance is an entry, walking east an exit.
+// The end-to-end test runs the first frames; the rest are for runs over the whole clip.
 struct Crossing {
     int frame;
     bool entry;
 };
 const std::vector<Crossing> kCrossings = {
-    {175, true}, // a woman in a light blue jacket and white hat, walking west
-    {197, true}, // a man in a navy jacket, walking west
-    {240, true}, // a man in jeans along the far edge of the path, walking west
+    {175, true},  // a woman in a light blue jacket and white hat, walking west
+    {197, true},  // a man in a navy jacket, walking west
+    {240, true},  // a man in jeans along the far edge of the path, walking west
+    {326, false}, // a man in black, east again after a step back west (frames 305 to 317)
+    {516, true},  // a woman in red, walking west
+    {589, true},  // a man in a dark jacket, walking west
+    {654, false}, // a woman in red coming from the west edge, walking east
+    {670, true},  // a man in black, walking west, passing the next one at the line
+    {674, false}, // a bald man with a beard, walking east
+    {706, true},  // a person in a blue jacket, up from the lawn and west
+    {713, false}, // the man in black of frame 670, back east
+    {762, false}, // a blonde woman in a black coat, walking east
+    {780, true},  // a man in black, walking west
 };
-// Not crossings: a man in black walks west to x = 271 (frames 65 to 80) and turns back east, and
-// a man in jeans does the same at x = 263 (frames 270 to 290).
+// Not crossings: a man in black walks west to x = 271 (frames 65 to 80) and turns back east, a
+// man in jeans does the same at x = 263 (frames 270 to 290) and is lost among others at the line
+// until frame 311; a man in a red and navy jacket comes to x = 250 on the lawn's edge, below the
+// entrance, at frames 752 to 760 and turns back; a man in black reaches x = 255 at the clip's end.
 
 // The application's own record of each crossing, from its log: "entry at entrance 0: person 4
 // at 17.7 s".
