@@ -34,6 +34,12 @@ std::string shippedCamera() {
     return std::string(STEMLIB_SOURCE_DIR) + "/apps/people_counter/vtest-camera.txt";
 }
 
+// The program's environment: under the sanitizer, fontconfig's own leaks are not the program's.
+std::vector<std::string> programEnvironment() {
+    return {"LSAN_OPTIONS=suppressions=" + std::string(STEMLIB_SOURCE_DIR) +
+            "/tests/support/fontconfig-leaks.supp"};
+}
+
 std::vector<std::string> lines(const std::string& path) {
     std::vector<std::string> all;
     std::ifstream in(path);
@@ -108,7 +114,7 @@ TEST(PeopleCounterApp, CountsTheClipEndToEnd) {
                      {"--camera", shippedCamera(), "--fast", "--frames", std::to_string(frames),
                       "--out", out.path().string(), "--name", package.appName(), "--quiet",
                       "--snapshot-seconds", "5"},
-                     out.file("output.txt"));
+                     out.file("output.txt"), programEnvironment());
     ASSERT_GT(app.pid(), 0);
     ASSERT_EQ(app.wait(std::chrono::seconds(900)), 0) << readWholeFile(out.file("output.txt"));
     const std::string output = readWholeFile(out.file("output.txt"));
@@ -239,7 +245,8 @@ TEST(PeopleCounterApp, CountsTheClipEndToEnd) {
 TEST(PeopleCounterApp, RefusesWhatItCannotRun) {
     ScratchDirectory out;
     const auto run = [&](const std::vector<std::string>& arguments) {
-        ChildProcess app(PEOPLE_COUNTER_BINARY, arguments, out.file("output.txt"));
+        ChildProcess app(PEOPLE_COUNTER_BINARY, arguments, out.file("output.txt"),
+                         programEnvironment());
         const int code = app.wait(std::chrono::seconds(60));
         const std::string text = readWholeFile(out.file("output.txt"));
         fs::remove(out.file("output.txt"));
@@ -288,7 +295,7 @@ TEST(PeopleCounterApp, WebPageInABrowser) {
     ChildProcess counter(PEOPLE_COUNTER_BINARY,
                          {"--camera", shippedCamera(), "--fast", "--serve", "--out",
                           out.path().string(), "--name", app, "--quiet", "--no-video"},
-                         out.file("output.txt"));
+                         out.file("output.txt"), programEnvironment());
     const auto up = std::chrono::steady_clock::now() + std::chrono::seconds(120);
     while (!fs::exists(package.socketPath()) && counter.running() &&
            std::chrono::steady_clock::now() < up) {

@@ -274,7 +274,7 @@ void PeopleCounter::closeVisit(TrackState& state, double until) {
     state.area = -1;
 }
 
-void PeopleCounter::forget(int id, double /*seconds*/) {
+void PeopleCounter::forget(int id) {
     const auto found = _states.find(id);
     if (found != _states.end()) {
         if (found->second.seenByManagers) {
@@ -288,7 +288,7 @@ void PeopleCounter::forget(int id, double /*seconds*/) {
 
 void PeopleCounter::track(const std::vector<Sighting>& sightings, double now) {
     for (const int id : _tracker.update(sightings, now)) {
-        forget(id, now);
+        forget(id);
     }
     int inView = 0;
     for (const Track& track : _tracker.tracks()) {
@@ -657,7 +657,7 @@ void PeopleCounter::run() {
         }
     }
     _wallSeconds = seconds(Clock::now() - wallStart);
-    finish(_lastSeconds, reachedEnd ? _videoFramesWanted : 0);
+    finish(reachedEnd ? _videoFramesWanted : 0);
     _isRunning = false;
     publish(_lastFrameIndex, _lastSeconds,
             _wallSeconds > 0.0 ? static_cast<double>(_framesProcessed) / _wallSeconds : 0.0);
@@ -665,7 +665,7 @@ void PeopleCounter::run() {
     _logger.info("analysis stopped after " + std::to_string(_framesProcessed) + " frames");
 }
 
-void PeopleCounter::finish(double now, long padVideoTo) {
+void PeopleCounter::finish(long padVideoTo) {
     // Visits still going on end with the run; the managers forget everyone.
     for (const int id : _tracker.clear()) {
         const auto found = _states.find(id);
@@ -676,7 +676,6 @@ void PeopleCounter::finish(double now, long padVideoTo) {
         _entrances.remove(id);
     }
     _states.clear();
-    (void)now;
 
     // The last, partial interval, then the archive thread's last writes.
     if (_framesProcessed > 0) {

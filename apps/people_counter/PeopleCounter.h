@@ -141,13 +141,14 @@ private:
     std::vector<Sighting> sightingsOf(const Detections& detections) const;
     void track(const std::vector<Sighting>& sightings, double seconds);
     void closeVisit(TrackState& state, double seconds);
-    void forget(int id, double seconds);
+    void forget(int id);
     void calibrateWith(const Track& track, TrackState& state, double seconds);
     void advanceIntervals(double seconds);
     void draw(double analysisMs, double fps);
     void encode(long frameIndex);
     void publish(long frameIndex, double seconds, double fps);
-    void finish(double seconds, long frameIndex);
+    // Ends the run: visits closed, last interval archived, video padded to padVideoTo frames.
+    void finish(long padVideoTo);
     void writeSummaryFile() const;
     void progressLine(long frameIndex, double fps) const;
     Ombrel::FPoint toCalibration(const Ombrel::FPoint& point) const;

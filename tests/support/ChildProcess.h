@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstring>
 #include <string>
 #include <thread>
 #include <vector>
@@ -21,9 +22,25 @@ namespace StemlibTest {
 class ChildProcess {
 public:
     // Starts program with arguments (not including the program itself), in the working folder
-    // of the test; output and errors are appended to outputFile. pid() is -1 if it did not start.
+    // of the test, with the test's environment and the NAME=value entries of environment on top;
+    // output and errors are appended to outputFile. pid() is -1 if it did not start.
     ChildProcess(const std::string& program, const std::vector<std::string>& arguments,
-                 const std::string& outputFile) {
+                 const std::string& outputFile, std::vector<std::string> environment = {}) {
+        std::vector<char*> envp;
+        for (std::string& entry : environment) {
+            envp.push_back(entry.data());
+        }
+        for (char** entry = environ; *entry != nullptr; ++entry) {
+            const std::string name(*entry, std::strcspn(*entry, "="));
+            bool replaced = false;
+            for (const std::string& own : environment) {
+                replaced = replaced || own.compare(0, name.size() + 1, name + "=") == 0;
+            }
+            if (!replaced) {
+                envp.push_back(*entry);
+            }
+        }
+        envp.push_back(nullptr);
         std::vector<std::string> all{program};
         all.insert(all.end(), arguments.begin(), arguments.end());
         std::vector<char*> argv;
@@ -37,7 +54,8 @@ public:
                                          O_WRONLY | O_CREAT | O_APPEND, 0644);
         posix_spawn_file_actions_adddup2(&actions, 1, 2);
         pid_t pid = -1;
-        if (::posix_spawn(&pid, program.c_str(), &actions, nullptr, argv.data(), environ) == 0) {
+        if (::posix_spawn(&pid, program.c_str(), &actions, nullptr, argv.data(), envp.data()) ==
+            0) {
             _pid = pid;
         }
         posix_spawn_file_actions_destroy(&actions);
