@@ -66,9 +66,9 @@ public:
     void paint(const OverlayScene& scene);
     // frame: the analysis-sized RGB frame; bgr receives the composite.
     void compose(const uint8_t* frame, cv::Mat& bgr);
-    // Writes the last composite as PNG (through a temporary file and a rename, so that a reader
-    // never sees half a picture); false if it cannot be written.
-    bool writePng(const std::string& path) const;
+    // Writes a composite as PNG (through a temporary file and a rename, so that a reader never
+    // sees half a picture); false if it cannot be written.
+    static bool writePng(const cv::Mat& bgr, const std::string& path);
 
     cairo_surface_t* composite() const { return _frame; }
 

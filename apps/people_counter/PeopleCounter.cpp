@@ -490,7 +490,7 @@ void PeopleCounter::encode(long frameIndex) {
         }
     }
     if (_lastSeconds >= _nextSnapshot) {
-        if (_painter->writePng(snapshotPath())) {
+        if (OverlayPainter::writePng(_bgr, snapshotPath())) {
             _snapshotFrame = frameIndex;
         } else {
             _logger.warning("cannot write the snapshot " + snapshotPath());
@@ -697,7 +697,7 @@ void PeopleCounter::finish(long padVideoTo) {
     }
 
     if (_framesProcessed > 0) {
-        if (_painter->writePng(snapshotPath())) {
+        if (OverlayPainter::writePng(_bgr, snapshotPath())) {
             _snapshotFrame = _lastFrameIndex;
         }
     }

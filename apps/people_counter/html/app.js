@@ -169,7 +169,7 @@ async function refresh() {
     for (const key of ['peopleSeen', 'inView', 'entries', 'exits', 'peakInView', 'frame']) {
       $(key).textContent = status[key];
     }
-    $('fps').textContent = status.fps.toFixed(1);
+    $('fps').textContent = (status.fps ?? 0).toFixed(1);
     $('calibration').textContent = status.calibration.status +
         (status.calibration.walkingSpeed ? ` (${status.calibration.walkingSpeed.toFixed(2)} m/s)` : '');
     const areas = $('areas').tBodies[0];
