@@ -93,7 +93,7 @@ CounterSettings CounterSettings::defaults() {
         FAOI(true, clipPolygon({0, 250, 300, 294, 440, 346, 768, 500, 768, 576, 0, 576}), 10);
     settings.areas[2] = FAOI();
     settings.entrances[0] =
-        FActivablePolygon(true, clipPolygon({0, 168, 250, 172, 250, 290, 0, 250}));
+        FActivablePolygon(true, clipPolygon({0, 168, 250, 172, 250, 282, 0, 246}));
     settings.exclusions[0] =
         FActivablePolygon(true, clipPolygon({405, 196, 452, 196, 452, 250, 405, 250}));
     return settings;
