@@ -26,27 +26,16 @@ using namespace Ombrel;
 
 namespace {
 
-int dictionaryValue(int size) {
-    switch (size) {
-    case 4:
-        return cv::aruco::DICT_4X4_1000;
-    case 5:
-        return cv::aruco::DICT_5X5_1000;
-    case 7:
-        return cv::aruco::DICT_7X7_1000;
-    default:
-        return cv::aruco::DICT_6X6_1000;
-    }
-}
-
 cv::Mat markerPicture(int size, int id, int side) {
     cv::Mat image;
 #if STEMLIB_OPENCV_ARUCO_DETECTOR_CLASS
-    cv::aruco::generateImageMarker(cv::aruco::getPredefinedDictionary(dictionaryValue(size)), id,
-                                   side, image, 1);
+    cv::aruco::generateImageMarker(
+        cv::aruco::getPredefinedDictionary(ArucoDetector::dictionaryValueForSize(size)), id, side,
+        image, 1);
 #else
-    cv::aruco::drawMarker(cv::aruco::getPredefinedDictionary(dictionaryValue(size)), id, side,
-                          image, 1);
+    cv::aruco::drawMarker(
+        cv::aruco::getPredefinedDictionary(ArucoDetector::dictionaryValueForSize(size)), id, side,
+        image, 1);
 #endif
     return image;
 }

@@ -79,6 +79,10 @@ public:
     // Fresh default parameters with the library's three settings, handed to the OpenCV detector.
     void setDetectorParameters();
 
+    // OpenCV's predefined dictionary (cv::aruco::DICT_*_1000) for a grid side of 4, 5, 6 or 7;
+    // any other side gives the 6 by 6 one. For drawing markers the detector will find.
+    static int dictionaryValueForSize(int size);
+
     // Markers in the whole frame, in OpenCV's order. An empty frame logs and gives none.
     ArucoDetections detectMarkers(const ImageBufferFrameSource& source);
     // Markers in cropRect after it has been moved into the frame (a rectangle larger than the

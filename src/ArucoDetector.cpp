@@ -19,20 +19,6 @@ cv::aruco::Dictionary predefinedDictionary(int value) {
 #endif
 }
 
-// The 1000-marker dictionary for a grid side of 4 to 7.
-int dictionaryValueForSize(int size) {
-    switch (size) {
-    case 4:
-        return cv::aruco::DICT_4X4_1000;
-    case 5:
-        return cv::aruco::DICT_5X5_1000;
-    case 7:
-        return cv::aruco::DICT_7X7_1000;
-    default:
-        return cv::aruco::DICT_6X6_1000;
-    }
-}
-
 } // namespace
 
 #if !STEMLIB_OPENCV_ARUCO_DETECTOR_CLASS
@@ -77,6 +63,19 @@ ArucoDetector::ArucoDetector()
 {
     setDictionarySize(kDefaultDictionarySize);
     setDetectorParameters();
+}
+
+int ArucoDetector::dictionaryValueForSize(int size) {
+    switch (size) {
+    case 4:
+        return cv::aruco::DICT_4X4_1000;
+    case 5:
+        return cv::aruco::DICT_5X5_1000;
+    case 7:
+        return cv::aruco::DICT_7X7_1000;
+    default:
+        return cv::aruco::DICT_6X6_1000;
+    }
 }
 
 void ArucoDetector::setDictionarySize(int size) {

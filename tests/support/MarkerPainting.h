@@ -15,29 +15,17 @@
 
 namespace StemlibTest {
 
-// OpenCV's value of the 1000-marker dictionary of a grid side from 4 to 7.
-inline int markerDictionaryValue(int dictionarySize) {
-    switch (dictionarySize) {
-    case 4:
-        return cv::aruco::DICT_4X4_1000;
-    case 5:
-        return cv::aruco::DICT_5X5_1000;
-    case 7:
-        return cv::aruco::DICT_7X7_1000;
-    default:
-        return cv::aruco::DICT_6X6_1000;
-    }
-}
-
 // A marker of that dictionary, grey, side pixels square including its black border of one cell.
 inline cv::Mat markerImage(int dictionarySize, int id, int side) {
     cv::Mat image;
 #if STEMLIB_OPENCV_ARUCO_DETECTOR_CLASS
     cv::aruco::generateImageMarker(
-        cv::aruco::getPredefinedDictionary(markerDictionaryValue(dictionarySize)), id, side, image,
-        1);
+        cv::aruco::getPredefinedDictionary(
+            Ombrel::ArucoDetector::dictionaryValueForSize(dictionarySize)),
+        id, side, image, 1);
 #else
-    cv::aruco::drawMarker(cv::aruco::getPredefinedDictionary(markerDictionaryValue(dictionarySize)),
+    cv::aruco::drawMarker(cv::aruco::getPredefinedDictionary(
+                              Ombrel::ArucoDetector::dictionaryValueForSize(dictionarySize)),
                           id, side, image, 1);
 #endif
     return image;

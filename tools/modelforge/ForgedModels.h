@@ -242,6 +242,20 @@ inline PosenetModel posenetFloatModel() {
     return model;
 }
 
+// The same network in 8-bit integers (PosenetQuantization.h), for the same detectors: the same
+// uint8 input and outputs.
+inline PosenetModel posenetInt8Model() {
+    PosenetModel model = posenetModel();
+    model.name = "posenet_mobilenet_int8_481x353";
+    return model;
+}
+
+// The frames of the sample clip (vtest.avi) that the int8 network is calibrated on, besides the
+// photograph basketball1.png.
+inline std::vector<int> posenetCalibrationFrames() {
+    return {50, 150, 250, 350, 450, 550, 650, 750};
+}
+
 // LarodPoseDetector and BodypixPanoPoseDetector: 1281 x 721.
 inline PosenetModel posenetModel1281x721() {
     using detail::head;

@@ -20,6 +20,8 @@ fb::TensorType toSchema(ElementType type) {
         return fb::TensorType::INT32;
     case ElementType::UInt8:
         return fb::TensorType::UINT8;
+    case ElementType::Int8:
+        return fb::TensorType::INT8;
     }
     return fb::TensorType::FLOAT32;
 }
@@ -84,6 +86,17 @@ int ModelGraph::addFloatConstant(const std::string& name, const std::vector<int>
     return addTensor(name, ElementType::Float32, shape, std::nullopt, bytesOf(values));
 }
 
+int ModelGraph::addInt8Constant(const std::string& name, const std::vector<int>& shape,
+                                const std::vector<std::int8_t>& values, Quantization quantization) {
+    return addTensor(name, ElementType::Int8, shape, std::move(quantization), bytesOf(values));
+}
+
+int ModelGraph::addInt32Constant(const std::string& name, const std::vector<int>& shape,
+                                 const std::vector<std::int32_t>& values,
+                                 Quantization quantization) {
+    return addTensor(name, ElementType::Int32, shape, std::move(quantization), bytesOf(values));
+}
+
 void ModelGraph::addBuiltin(Builtin op, const std::vector<int>& inputs,
                             const std::vector<int>& outputs) {
     Operator entry;
@@ -131,9 +144,14 @@ std::vector<std::uint8_t> ModelGraph::serialize(const std::string& description) 
         }
         flatbuffers::Offset<fb::QuantizationParameters> quantization = 0;
         if (tensor.quantization) {
+            const Quantization& q = *tensor.quantization;
+            const bool perChannel = !q.channelScales.empty();
+            const std::vector<float> scales =
+                perChannel ? q.channelScales : std::vector<float>{q.scale};
+            const std::vector<std::int64_t> zeroPoints(scales.size(), q.zeroPoint);
             quantization = fb::CreateQuantizationParameters(
-                builder, 0, 0, builder.CreateVector(std::vector<float>{tensor.quantization->scale}),
-                builder.CreateVector(std::vector<std::int64_t>{tensor.quantization->zeroPoint}));
+                builder, 0, 0, builder.CreateVector(scales), builder.CreateVector(zeroPoints),
+                fb::QuantizationDetails::NONE, 0, perChannel ? q.dimension : 0);
         }
         tensors.push_back(fb::CreateTensor(builder, builder.CreateVector(tensor.shape),
                                            toSchema(tensor.type), bufferIndex,

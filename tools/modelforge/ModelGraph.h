@@ -15,11 +15,15 @@
 
 namespace modelforge {
 
-enum class ElementType { Float32, Int32, UInt8 };
+enum class ElementType { Float32, Int32, UInt8, Int8 };
 
+// value = (q - zeroPoint) * scale. With channelScales, each slice of the tensor along
+// `dimension` has its own scale (symmetric: zeroPoint is then 0), and `scale` is unused.
 struct Quantization {
     float scale = 1.0f;
     std::int64_t zeroPoint = 0;
+    std::vector<float> channelScales = {};
+    int dimension = 0;
 };
 
 enum class Activation { None, Relu, Relu6 };
@@ -51,6 +55,10 @@ public:
     int addInt32Constant(const std::string& name, const std::vector<std::int32_t>& values);
     int addFloatConstant(const std::string& name, const std::vector<int>& shape,
                          const std::vector<float>& values);
+    int addInt8Constant(const std::string& name, const std::vector<int>& shape,
+                        const std::vector<std::int8_t>& values, Quantization quantization);
+    int addInt32Constant(const std::string& name, const std::vector<int>& shape,
+                         const std::vector<std::int32_t>& values, Quantization quantization);
 
     void addBuiltin(Builtin op, const std::vector<int>& inputs, const std::vector<int>& outputs);
     void addConv2D(const std::vector<int>& inputs, int output, const Conv2DOptions& options);

@@ -1,20 +1,27 @@
 // modelforge: writes TensorFlow Lite models with weights we choose, and converts the published
 // PoseNet's trained weights.
 //
-//   modelforge [--posenet <dir>] <output directory>          writes every model as <name>.tflite
-//   modelforge [--posenet <dir>] <output directory> <name>   writes one model
-//   modelforge [--posenet <dir>] --list                       lists the names
+//   modelforge [--posenet <dir> [--calibration <dir>]] <output directory>   writes every model
+//                                                                           as <name>.tflite
+//   modelforge [--posenet <dir> [--calibration <dir>]] <output directory> <name>   one model
+//   modelforge [--posenet <dir> [--calibration <dir>]] --list                 lists the names
 //
 // The models are described in ForgedModels.h. The pass-through models copy runs of the input
 // picture to their outputs, the SSD detector decodes boxes written into the picture, and the pose
 // network has fixed pseudo-random weights. With --posenet, <dir> holds the TensorFlow.js graph
 // model posenet.json and its weights posenet.bin (scripts/fetch-posenet.sh), and the converted
-// PoseNet models are written as well.
+// PoseNet models are written as well. With --calibration as well, <dir> holds the sample data
+// (vtest.avi and basketball1.png: scripts/fetch-sample-data.sh), and the int8 PoseNet is fitted
+// on its pictures and written too.
 #include "ForgedModels.h"
 #include "ModelGraph.h"
 #include "PosenetConversion.h"
+#include "PosenetQuantization.h"
 
 #include <flatbuffers/flexbuffers.h>
+#include <opencv2/imgcodecs.hpp>
+#include <opencv2/imgproc.hpp>
+#include <opencv2/videoio.hpp>
 
 #include <cmath>
 #include <cstdio>
@@ -266,11 +273,71 @@ ModelGraph poseNetworkGraph() {
     return graph;
 }
 
-std::map<std::string, std::function<ModelGraph()>> recipes(const std::string& posenetDirectory) {
+// A picture scaled to the model's input size, RGB.
+std::vector<std::uint8_t> modelPicture(const cv::Mat& bgr, const PosenetModel& model) {
+    cv::Mat scaled;
+    cv::resize(bgr, scaled, cv::Size(model.width, model.height), 0, 0, cv::INTER_LINEAR);
+    cv::Mat rgb;
+    cv::cvtColor(scaled, rgb, cv::COLOR_BGR2RGB);
+    return std::vector<std::uint8_t>(rgb.data, rgb.data + rgb.total() * rgb.elemSize());
+}
+
+// The calibration pictures: frames of the sample clip, and a photograph of players.
+std::vector<CalibrationPicture> calibrationPictures(const std::string& directory,
+                                                    const PosenetModel& model) {
+    std::vector<CalibrationPicture> pictures;
+    cv::VideoCapture clip(directory + "/vtest.avi");
+    if (!clip.isOpened()) {
+        throw std::runtime_error("cannot read " + directory + "/vtest.avi");
+    }
+    int next = 0;
+    cv::Mat frame;
+    for (int index : posenetCalibrationFrames()) {
+        for (; next <= index; ++next) {
+            if (!clip.read(frame)) {
+                throw std::runtime_error(directory + "/vtest.avi ends before frame " +
+                                         std::to_string(index));
+            }
+        }
+        pictures.push_back(
+            {"vtest.avi frame " + std::to_string(index), modelPicture(frame, model)});
+    }
+    const cv::Mat photograph = cv::imread(directory + "/basketball1.png", cv::IMREAD_COLOR);
+    if (photograph.empty()) {
+        throw std::runtime_error("cannot read " + directory + "/basketball1.png");
+    }
+    pictures.push_back({"basketball1.png", modelPicture(photograph, model)});
+    return pictures;
+}
+
+std::map<std::string, std::function<ModelGraph()>> recipes(const std::string& posenetDirectory,
+                                                           const std::string& calibration) {
     std::map<std::string, std::function<ModelGraph()>> result;
     if (!posenetDirectory.empty()) {
         // Read once, on first use, for all sizes.
         auto network = std::make_shared<std::unique_ptr<GraphModel>>();
+        if (!calibration.empty()) {
+            const PosenetModel model = posenetInt8Model();
+            result[model.name] = [model, network, posenetDirectory, calibration]() {
+                if (!*network) {
+                    *network = std::make_unique<GraphModel>(
+                        loadGraphModel(posenetDirectory, "posenet.json"));
+                }
+                QuantizationReport report;
+                const std::vector<CalibrationPicture> pictures =
+                    calibrationPictures(calibration, model);
+                ModelGraph graph = posenetInt8Graph(**network, model, pictures, &report);
+                std::cout << "modelforge: " << model.name << " fitted on " << pictures.size()
+                          << " pictures in " << report.seconds << " s; against the float network"
+                          << " (largest / mean difference):";
+                for (std::size_t i = 0; i < report.outputs.size(); ++i) {
+                    std::cout << " " << report.outputs[i] << " " << report.largestDifference[i]
+                              << " / " << report.meanDifference[i];
+                }
+                std::cout << std::endl;
+                return graph;
+            };
+        }
         for (const PosenetModel& model : posenetModels()) {
             result[model.name] = [model, network, posenetDirectory]() {
                 if (!*network) {
@@ -312,11 +379,16 @@ int main(int argc, char** argv) {
     using namespace modelforge;
     std::vector<std::string> args(argv + 1, argv + argc);
     std::string posenetDirectory;
+    std::string calibration;
     if (args.size() >= 2 && args[0] == "--posenet") {
         posenetDirectory = args[1];
         args.erase(args.begin(), args.begin() + 2);
+        if (args.size() >= 2 && args[0] == "--calibration") {
+            calibration = args[1];
+            args.erase(args.begin(), args.begin() + 2);
+        }
     }
-    const auto all = recipes(posenetDirectory);
+    const auto all = recipes(posenetDirectory, calibration);
     if (args.size() == 1 && args[0] == "--list") {
         for (const auto& entry : all) {
             std::cout << entry.first << "\n";
@@ -324,8 +396,9 @@ int main(int argc, char** argv) {
         return 0;
     }
     if (args.empty() || args.size() > 2 || args[0].rfind("--", 0) == 0) {
-        std::cerr << "usage: modelforge [--posenet <graph model dir>] <output directory> "
-                     "[model name] | modelforge [--posenet <dir>] --list\n";
+        std::cerr << "usage: modelforge [--posenet <graph model dir> [--calibration <sample data "
+                     "dir>]] <output directory> [model name] | modelforge [--posenet <dir> "
+                     "[--calibration <dir>]] --list\n";
         return 2;
     }
     const std::string& directory = args[0];

@@ -10,6 +10,7 @@
 #include "larod.h"
 
 #include "HostCamera.h"
+#include "XnnpackDelegate.h"
 #include "stemlib-host-larod.h"
 
 #include <tensorflow/lite/c/c_api.h>
@@ -29,6 +30,7 @@
 #include <optional>
 #include <string>
 #include <sys/stat.h>
+#include <syslog.h>
 #include <unistd.h>
 #include <vector>
 
@@ -218,13 +220,73 @@ struct EngineDeleter {
     void operator()(TfLiteInterpreter* interpreter) const { TfLiteInterpreterDelete(interpreter); }
 };
 
+// The XNNPACK delegate of one model, behind a delegate of the service's own whose Prepare runs
+// XNNPACK's and then reads the engine's execution plan: how many of the model's operators
+// XNNPACK took, and in how many partitions. XNNPACK's kernels are handed XNNPACK's own delegate,
+// so the wrapper is seen by the engine only while the graph is being delegated.
+struct Delegation {
+    TfLiteDelegate* xnnpack = nullptr;
+    TfLiteDelegate wrapper{};
+    int operators = 0;
+    int delegated = 0;
+    int partitions = 0;
+
+    explicit Delegation(int threads) {
+        TfLiteXNNPackDelegateOptions options = TfLiteXNNPackDelegateOptionsDefault();
+        options.num_threads = threads;
+        options.flags = TFLITE_XNNPACK_DELEGATE_FLAG_QS8 | TFLITE_XNNPACK_DELEGATE_FLAG_QU8;
+        xnnpack = TfLiteXNNPackDelegateCreate(&options);
+        if (xnnpack != nullptr) {
+            wrapper = *xnnpack;
+            wrapper.data_ = this;
+            wrapper.Prepare = &Delegation::prepare;
+        }
+    }
+    ~Delegation() {
+        if (xnnpack != nullptr) {
+            TfLiteXNNPackDelegateDelete(xnnpack);
+        }
+    }
+    Delegation(const Delegation&) = delete;
+    Delegation& operator=(const Delegation&) = delete;
+
+    static TfLiteStatus prepare(TfLiteContext* context, TfLiteDelegate* wrapper) {
+        auto* self = static_cast<Delegation*>(wrapper->data_);
+        TfLiteIntArray* plan = nullptr;
+        if (context->GetExecutionPlan(context, &plan) != kTfLiteOk) {
+            return kTfLiteError;
+        }
+        self->operators = plan->size;
+        const TfLiteStatus status = self->xnnpack->Prepare(context, self->xnnpack);
+        if (status != kTfLiteOk || context->GetExecutionPlan(context, &plan) != kTfLiteOk) {
+            return kTfLiteError;
+        }
+        self->delegated = 0;
+        self->partitions = 0;
+        for (int i = 0; i < plan->size; ++i) {
+            TfLiteNode* node = nullptr;
+            TfLiteRegistration* registration = nullptr;
+            if (context->GetNodeAndRegistration(context, plan->data[i], &node, &registration) ==
+                    kTfLiteOk &&
+                node->delegate == self->xnnpack && node->builtin_data != nullptr) {
+                const auto* params = static_cast<const TfLiteDelegateParams*>(node->builtin_data);
+                ++self->partitions;
+                self->delegated += params->nodes_to_replace->size;
+            }
+        }
+        return kTfLiteOk;
+    }
+};
+
 // A model as the service holds it. The engine reads the model's bytes in place, so they live as
-// long as the engine objects; members are destroyed in reverse order, interpreter first.
+// long as the engine objects; members are destroyed in reverse order, interpreter first, then
+// its options and the delegate it ran with.
 struct ServiceModel {
     std::uint64_t id = 0;
     std::string name;
     std::vector<std::uint8_t> bytes;
     std::unique_ptr<TfLiteModel, EngineDeleter> model;
+    std::unique_ptr<Delegation> delegation;
     std::unique_ptr<TfLiteInterpreterOptions, EngineDeleter> options;
     std::unique_ptr<TfLiteInterpreter, EngineDeleter> interpreter;
     std::vector<TensorInfo> inputs;
@@ -287,6 +349,24 @@ int threadCount() {
     const std::string text = stemlib_host::camera()->getOr("larod.threads", "1");
     const int threads = std::atoi(text.c_str());
     return threads >= 1 && threads <= 64 ? threads : 1;
+}
+
+// Whether models on a device run through XNNPACK: the devices of the description's
+// "larod.xnnpack", by default the accelerators.
+bool delegatedDevice(const std::string& device) {
+    const std::string list = stemlib_host::camera()->getOr(
+        "larod.xnnpack", "a9-dlpu-tflite, axis-a8-dlpu-tflite, google-edge-tpu-tflite");
+    const std::vector<std::string> devices = stemlib_host::splitList(list);
+    return std::find(devices.begin(), devices.end(), device) != devices.end();
+}
+
+std::string counted(int count, const char* word) {
+    return std::to_string(count) + " " + word + (count == 1 ? "" : "s");
+}
+
+// The service's log: the system log, as the camera's service writes it.
+void logService(int priority, const std::string& text) {
+    syslog(priority, "%s", text.c_str());
 }
 
 bool descriptorOpen(int fd) {
@@ -531,11 +611,54 @@ extern "C" larodModel* larodLoadModel(larodConnection* conn, int fd, const larod
         return fail(LAROD_ERROR_LOAD_MODEL,
                     "the file \"" + model->name + "\" is not a valid TensorFlow Lite model");
     }
-    model->options.reset(TfLiteInterpreterOptionsCreate());
-    TfLiteInterpreterOptionsSetNumThreads(model->options.get(), threadCount());
-    TfLiteInterpreterOptionsSetErrorReporter(model->options.get(), reportEngineMessage,
-                                             model.get());
-    model->interpreter.reset(TfLiteInterpreterCreate(model->model.get(), model->options.get()));
+    const int threads = threadCount();
+    const std::string where = "larod: model \"" + model->name + "\" on " + dev->name + ": ";
+    const auto build = [&model, threads](Delegation* delegation) {
+        model->options.reset(TfLiteInterpreterOptionsCreate());
+        TfLiteInterpreterOptionsSetNumThreads(model->options.get(), threads);
+        TfLiteInterpreterOptionsSetErrorReporter(model->options.get(), reportEngineMessage,
+                                                 model.get());
+        if (delegation != nullptr) {
+            TfLiteInterpreterOptionsAddDelegate(model->options.get(), &delegation->wrapper);
+        }
+        model->interpreter.reset(TfLiteInterpreterCreate(model->model.get(), model->options.get()));
+    };
+    if (delegatedDevice(dev->name)) {
+        // The host controls can make the delegate fail, to try the fallback.
+        const std::optional<std::string> refused =
+            stemlib_host::takeFailure("TfLiteXNNPackDelegateCreate");
+        model->delegation = std::make_unique<Delegation>(threads);
+        if (model->delegation->xnnpack != nullptr && !refused) {
+            build(model->delegation.get());
+        }
+        if (model->interpreter) {
+            const Delegation& d = *model->delegation;
+            logService(LOG_INFO, where + std::to_string(d.delegated) + " of " +
+                                     counted(d.operators, "operator") +
+                                     " delegated to XNNPACK in " +
+                                     counted(d.partitions, "partition") + ", " +
+                                     std::to_string(d.operators - d.delegated) +
+                                     " on the default kernels, " + counted(threads, "thread"));
+        } else {
+            // A model the delegate cannot take at all still runs, on the default kernels.
+            logService(LOG_WARNING,
+                       where + "XNNPACK failed (" +
+                           (refused                                 ? *refused
+                            : model->delegation->xnnpack == nullptr ? std::string("no delegate")
+                                                                    : model->engineMessage) +
+                           "); every operator on the default kernels, " +
+                           counted(threads, "thread"));
+            model->delegation.reset();
+        }
+    }
+    if (!model->interpreter) {
+        model->engineMessage.clear();
+        build(nullptr);
+        if (model->interpreter && !delegatedDevice(dev->name)) {
+            logService(LOG_INFO, where + "every operator on the default kernels, " +
+                                     counted(threads, "thread"));
+        }
+    }
     if (!model->interpreter) {
         return fail(LAROD_ERROR_LOAD_MODEL,
                     "TensorFlow Lite cannot build the model: " + model->engineMessage);

@@ -17,7 +17,9 @@
  * Which devices the service lists, in which order, comes from the camera description's
  * "larod.devices" (see stemlib-host.h); "larod.threads" sets the engine's thread count (1 when
  * absent). Any larod call that takes an error argument can be made to fail with
- * stemlib_host_set_failure("<call name>", "<message>").
+ * stemlib_host_set_failure("<call name>", "<message>"), and so can the XNNPACK delegate of a
+ * model loaded on a device of "larod.xnnpack" ("TfLiteXNNPackDelegateCreate"): the model then
+ * runs on TensorFlow Lite's default kernels, and the service logs a warning with the message.
  *
  * All functions are thread-safe. */
 #ifndef STEMLIB_HOST_LAROD_H
