@@ -46,7 +46,7 @@ cmake --build build-tests/people-counter -j "$JOBS"
 STEMLIB_SAMPLE_DATA_DIR="$(./scripts/fetch-sample-data.sh --print)" \
     LD_LIBRARY_PATH="$ROOT/build-tests/prefix/lib" ./build-tests/people-counter/people_counter \
     --fast --frames 10 --no-web --quiet --out build-tests/people-counter/run \
-    --model build-tests/normal/models/posenet_mobilenet_481x353.tflite > /dev/null
+    --model build-tests/normal/models/posenet_mobilenet_int8_481x353.tflite > /dev/null
 test -s build-tests/people-counter/run/snapshot.png
 
 echo "== camera SDK seam (STEMLIB_PLATFORM=sdk against a sysroot of the host stand-ins)"

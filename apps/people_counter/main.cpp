@@ -9,7 +9,7 @@
 //   --frames N          stop after the first N frames of video (default: the clip's end)
 //   --fps F             the video's frame rate, where neither description nor file tells it
 //   --size WxH          analysis resolution (default: the video's size)
-//   --model FILE        pose model (default: the build's converted PoseNet, 481x353)
+//   --model FILE        pose model (default: the build's int8 PoseNet, 481x353)
 //   --device NAME       inference device (default: the inference service's first accelerator)
 //   --threads N         inference engine threads (host camera)
 //   --mosaic            detect over a mosaic of area 0 (PosenetPanoDetector) instead of the frame
@@ -36,7 +36,7 @@
 #include <string>
 
 #ifndef PEOPLE_COUNTER_DEFAULT_MODEL
-#define PEOPLE_COUNTER_DEFAULT_MODEL "models/posenet_mobilenet_481x353.tflite"
+#define PEOPLE_COUNTER_DEFAULT_MODEL "models/posenet_mobilenet_int8_481x353.tflite"
 #endif
 
 using namespace PeopleCounting;
