@@ -37,17 +37,8 @@ mkdir -p build-tests/consumer-pc
 PKG_CONFIG_PATH="$ROOT/build-tests/prefix/lib/pkgconfig" \
     sh -c 'c++ -std=c++17 ci/consumer/main.cpp $(pkg-config --cflags --libs stemlib) -o build-tests/consumer-pc/consumer'
 LD_LIBRARY_PATH="$ROOT/build-tests/prefix/lib" ./build-tests/consumer-pc/consumer
-# The people counter, built on its own against the installed package (its public interface
-# alone), runs over a few frames of the sample clip.
-rm -rf build-tests/people-counter
-cmake -S apps/people_counter -B build-tests/people-counter \
-    -DCMAKE_PREFIX_PATH="$ROOT/build-tests/prefix" > /dev/null
-cmake --build build-tests/people-counter -j "$JOBS"
-STEMLIB_SAMPLE_DATA_DIR="$(./scripts/fetch-sample-data.sh --print)" \
-    LD_LIBRARY_PATH="$ROOT/build-tests/prefix/lib" ./build-tests/people-counter/people_counter \
-    --fast --frames 10 --no-web --quiet --out build-tests/people-counter/run \
-    --model build-tests/normal/models/posenet_mobilenet_int8_481x353.tflite > /dev/null
-test -s build-tests/people-counter/run/snapshot.png
+# The people counter, built on its own against the installed package, runs a few frames.
+./scripts/check-app-consumer.sh build-tests/prefix build-tests/normal/models build-tests/people-counter
 
 echo "== camera SDK seam (STEMLIB_PLATFORM=sdk against a sysroot of the host stand-ins)"
 ./scripts/check-sdk-platform.sh build-tests/sdk
