@@ -18,6 +18,7 @@ PACKAGES=(
     lighttpd apache2-utils wrk
     clang libclang-rt-14-dev libfuzzer-14-dev
     g++-aarch64-linux-gnu qemu-user-static mmdebstrap
+    chromium nlohmann-json3-dev
 )
 
 SUDO=""

@@ -78,6 +78,9 @@ if wanted install; then
     PKG_CONFIG_PATH="$ROOT/build-tests/prefix/lib/pkgconfig" \
         sh -c 'c++ -std=c++17 ci/consumer/main.cpp $(pkg-config --cflags --libs stemlib) -o build-tests/consumer-pc/consumer'
     LD_LIBRARY_PATH="$ROOT/build-tests/prefix/lib" ./build-tests/consumer-pc/consumer
+    # The people counter, built on its own against the installed package, runs a few frames.
+    ./scripts/check-app-consumer.sh build-tests/prefix build-tests/normal/models \
+        build-tests/people-counter
 fi
 
 if wanted sdk; then
