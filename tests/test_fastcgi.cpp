@@ -1,6 +1,7 @@
 // The web endpoint: its socket, the answers to good and bad requests (straight on the socket,
 // byte for byte, and through a real lighttpd with mod_fastcgi), malformed traffic, and load.
 #include "Config.h"
+#include "Emulation.h"
 #include "HttpClient.h"
 #include "Localization.h"
 #include "LogLines.h"
@@ -545,7 +546,10 @@ TEST(FastCGIServer, ChecksEveryRecordBeforeLibfcgiReadsIt) {
     for (int round = 0; round < 3; ++round) {
         EXPECT_EQ(fastcgiExchange(folder.socketPath(), many + get), stdoutBlock);
     }
-    EXPECT_LE(memoryInUse() - before, 64 * 1024);
+    // Under emulation the resident size also holds the emulator's translated code, which grows.
+    if (!StemlibTest::underEmulation()) {
+        EXPECT_LE(memoryInUse() - before, 64 * 1024);
+    }
     handlers.take();
 }
 
