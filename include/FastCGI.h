@@ -15,9 +15,18 @@
 // and a POST whose CONTENT_LENGTH is missing, not a number or above 16 MiB is answered with
 // "Failed to read request body" without reading the body. A body shorter than its announced
 // length reads as 0xFF bytes at its end, and so does the rest of a body whose sender falls silent
-// for 10 seconds; an answer that the peer stops reading for 10 seconds is dropped. (The request's
-// parameters are read by libfcgi while it accepts the connection, before this class sees it, and
-// without a time limit.)
+// for 10 seconds; an answer that the peer stops reading for 10 seconds is dropped.
+//
+// The server accepts the connections itself and hands libfcgi only records that it has checked,
+// through a socket pair: libfcgi would end the process on parameter lengths that overflow its
+// allocation, and keep memory for every management record of a type it does not know. Management
+// records (request id 0) are answered here: FCGI_GET_VALUES with one connection, one request and
+// no multiplexing, any other type with FCGI_UNKNOWN_TYPE. A request's head (its begin record and
+// parameters) must arrive whole within 10 seconds, with a libfcgi role, at most 64 KiB of
+// parameters and every name and value inside them; anything else is refused with the error line
+// "run: Refused FastCGI request: <reason>" and the connection closed without an answer. The body
+// goes to libfcgi 32 KiB at a time as it arrives. A kept connection (FCGI_KEEP_CONN) serves one
+// request after the other.
 //
 // Ownership and lifecycle: the constructor opens the socket (and throws std::runtime_error if it
 // cannot); start() starts the thread, which this class never joins, detaches or cancels, and
@@ -25,8 +34,9 @@
 // frees the request object only: destroy a server only after its thread has ended. To stop one
 // (tests do, to run several servers in one process), a derived class shuts the listening socket
 // down with ::shutdown(_socket, SHUT_RDWR): the waiting accept fails, run() logs
-// "run: Exiting FastCGI server run loop" and returns, and pthread_join(_thread, nullptr) then
-// collects the thread; ::close(_socket) afterwards releases the descriptor.
+// "run: Exiting FastCGI server run loop" and returns (after the connection in hand, which a
+// kept one ends within 10 silent seconds), and pthread_join(_thread, nullptr) then collects the
+// thread; ::close(_socket) afterwards releases the descriptor.
 //
 // Threading: handlers run on the server's thread, not the application's, one request at a time;
 // whatever they share with the analysis loop (a Config, a manager) the application guards. A
@@ -86,10 +96,31 @@ protected:
     pthread_t _thread{};
 
 private:
+    // Serves the requests of one accepted connection and closes it.
+    void serveConnection(int connection);
+    // Reads the next request's head (its begin record and parameters) from the connection and
+    // passes it on to libfcgi's end of the relay; false (with the error line, unless the web
+    // server just closed a kept connection) when there is none or it is refused.
+    bool relayRequestHead();
+    // Passes at least one and at most wanted further body bytes (or the body's end) on.
+    void relayBody(std::size_t wanted);
     // Serves the request that FCGX_Accept_r has just accepted.
     void serveRequest();
     // The body as getPostBody reads it; false (and the error line) if the length is refused.
     bool readPostBody(std::string& body);
+
+    // The connection being served, and the socket pair through which libfcgi reads its records.
+    struct Exchange {
+        int connection = -1;
+        int relayIn = -1;  // written by this class
+        int relayOut = -1; // read by libfcgi
+        unsigned int requestId = 0;
+        std::size_t recordLeft = 0;  // content of the connection's current body record not read
+        std::size_t paddingLeft = 0; // and its padding
+        std::size_t unreadBody = 0;  // body bytes on the relay that libfcgi has not read yet
+        bool bodyEnded = false;      // the body's end is on the relay
+    };
+    Exchange _exchange;
 };
 
 } // namespace Ombrel

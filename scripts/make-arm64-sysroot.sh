@@ -29,7 +29,7 @@ PACKAGES=(
     libopencv-dev libopencv-contrib-dev libopencv-videoio-dev libyuv-dev
     libcairo2-dev libfreetype-dev libfontconfig-dev libglib2.0-dev
     libfcgi-dev liburiparser-dev
-    libgtest-dev libgmock-dev libbenchmark-dev libflatbuffers-dev
+    libgtest-dev libgmock-dev libbenchmark-dev libflatbuffers-dev nlohmann-json3-dev
 )
 # Bumped whenever the repairs below change, so that an older sysroot is made again.
 REPAIRS_VERSION=1

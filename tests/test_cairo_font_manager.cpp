@@ -11,8 +11,11 @@
 #include <cairo-ft.h>
 #include <syslog.h>
 
+#include <algorithm>
+#include <atomic>
 #include <filesystem>
 #include <memory>
+#include <thread>
 
 using namespace Ombrel;
 using namespace StemlibTest;
@@ -190,4 +193,89 @@ TEST_F(FontFolderTest, ReportsEachFailureAndTriesAgainOnTheNextCall) {
                   (Lines{"3 CairoFontManager: failed to create cairo font face for fonts/" + kThai,
                          "6 CairoFontManager: loaded font fonts/" + kThai + " for language th"}));
     }
+}
+
+TEST_F(FontFolderTest, ThreadsShareEachFaceLoadedOnceAndDrawWithIt) {
+    // Canvases are built on any thread: four threads ask at once for every language's face and
+    // draw a word of its script with it. Each file is loaded once, every thread gets the same
+    // face for a language, and every face draws.
+    linkTestFont(kCjk);
+    linkTestFont(kThai);
+    OwnFontManager manager;
+    SyslogCapture capture;
+    const std::vector<std::pair<std::string, std::string>> words = {
+        {"th", "\xe0\xb8\xaa\xe0\xb8\xa7\xe0\xb8\xb1\xe0\xb8\xaa\xe0\xb8\x94\xe0\xb8\xb5"},
+        {"ja", "\xe6\x97\xa5\xe6\x9c\xac"},
+        {"zh", "\xe4\xb8\xad\xe6\x96\x87"},
+        {"zh-TW", "\xe4\xb8\xad\xe6\x96\x87"},
+        {"ko", "\xed\x95\x9c\xea\xb5\xad"},
+        {"vi", "Vi\xe1\xbb\x87t"},
+        {"en", "English"}};
+    constexpr int kThreads = 4;
+    std::vector<std::vector<cairo_font_face_t*>> faces(kThreads);
+    std::vector<std::vector<int>> inkedPixels(kThreads);
+    std::atomic<int> ready{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            ++ready;
+            while (ready < kThreads) {
+                std::this_thread::yield();
+            }
+            for (std::size_t i = 0; i < words.size(); ++i) {
+                // Each thread starts at another language.
+                const auto& [language, word] =
+                    words[(i + static_cast<std::size_t>(t)) % words.size()];
+                cairo_font_face_t* face = manager.getFontFaceForLanguage(language);
+                faces[static_cast<std::size_t>(t)].push_back(face);
+                cairo_surface_t* surface = cairo_image_surface_create(CAIRO_FORMAT_ARGB32, 160, 48);
+                cairo_t* cr = cairo_create(surface);
+                if (face != nullptr) {
+                    cairo_set_font_face(cr, face);
+                }
+                cairo_set_font_size(cr, 24);
+                cairo_move_to(cr, 4, 36);
+                cairo_show_text(cr, word.c_str());
+                cairo_surface_flush(surface);
+                int inked = 0;
+                const unsigned char* data = cairo_image_surface_get_data(surface);
+                for (int y = 0; y < 48; ++y) {
+                    for (int x = 0; x < 160; ++x) {
+                        inked += data[y * cairo_image_surface_get_stride(surface) + x * 4 + 3] != 0;
+                    }
+                }
+                inkedPixels[static_cast<std::size_t>(t)].push_back(inked);
+                cairo_destroy(cr);
+                cairo_surface_destroy(surface);
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+
+    for (int t = 0; t < kThreads; ++t) {
+        for (std::size_t i = 0; i < words.size(); ++i) {
+            const std::size_t w = (i + static_cast<std::size_t>(t)) % words.size();
+            SCOPED_TRACE(words[w].first);
+            EXPECT_EQ(faces[static_cast<std::size_t>(t)][i], faces[0][w]);
+            EXPECT_GT(inkedPixels[static_cast<std::size_t>(t)][i], 20);
+        }
+    }
+    // Thread 0 asked in the order of the list.
+    EXPECT_NE(faces[0][0], nullptr);
+    EXPECT_NE(faces[0][1], nullptr);
+    EXPECT_NE(faces[0][0], faces[0][1]);
+    for (std::size_t i = 2; i < 6; ++i) {
+        EXPECT_EQ(faces[0][i], faces[0][1]) << words[i].first;
+    }
+    EXPECT_EQ(faces[0][6], nullptr);
+    Lines loaded = syslogLines(capture);
+    std::sort(loaded.begin(), loaded.end());
+    ASSERT_EQ(loaded.size(), 2u);
+    EXPECT_EQ(loaded[0], "6 CairoFontManager: loaded font fonts/NotoSansThai.ttf for language th");
+    // Whichever language asked first.
+    EXPECT_EQ(
+        loaded[1].rfind("6 CairoFontManager: loaded font fonts/wqy-microhei.ttc for language ", 0),
+        0u);
 }

@@ -1,21 +1,31 @@
 // The web endpoint: its socket, the answers to good and bad requests (straight on the socket,
 // byte for byte, and through a real lighttpd with mod_fastcgi), malformed traffic, and load.
+#include "Config.h"
+#include "Emulation.h"
 #include "HttpClient.h"
+#include "Localization.h"
 #include "LogLines.h"
 #include "ScopedLogger.h"
+#include "ScratchDirectory.h"
 #include "WebServers.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 
+#include <atomic>
 #include <cstdio>
+#include <cstring>
 #include <fstream>
+#include <iterator>
 #include <mutex>
 #include <regex>
+#include <sstream>
+#include <thread>
 #include <utility>
 
-#if defined(__SANITIZE_ADDRESS__)
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define STEMLIB_SANITIZER_ALLOCATOR 1
 // From the sanitizer runtime (declared here: GCC ships no header for it).
 extern "C" std::size_t __sanitizer_get_current_allocated_bytes();
 #endif
@@ -180,10 +190,88 @@ std::string fastcgiExchange(const std::string& socketPath, const std::string& by
     return out;
 }
 
-// The memory of the process that a leak would grow: resident memory, or under AddressSanitizer
-// (whose quarantine keeps freed memory resident) the bytes the application holds allocated.
+struct Record {
+    int type;
+    int requestId;
+    std::string content;
+};
+
+// Connects, sends bytes, and returns every record of the answer until the server closes the
+// connection or has sent an FCGI_END_REQUEST for each of endsAwaited requests.
+std::vector<Record> recordExchange(int fd, const std::string& bytes, int endsAwaited = 1 << 30) {
+    ::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+    std::vector<Record> records;
+    std::string received;
+    char buffer[65536];
+    int ends = 0;
+    while (ends < endsAwaited) {
+        const ssize_t got = ::recv(fd, buffer, sizeof(buffer), 0);
+        if (got <= 0) {
+            break;
+        }
+        received.append(buffer, static_cast<std::size_t>(got));
+        while (received.size() >= 8) {
+            const auto byte = [&](std::size_t i) {
+                return static_cast<unsigned char>(received[i]);
+            };
+            const std::size_t length = byte(4) * 256u + byte(5);
+            if (received.size() < 8 + length + byte(6)) {
+                break;
+            }
+            records.push_back({byte(1), byte(2) * 256 + byte(3), received.substr(8, length)});
+            ends += byte(1) == 3 ? 1 : 0;
+            received.erase(0, 8 + length + byte(6));
+        }
+    }
+    return records;
+}
+
+int connectTo(const std::string& socketPath) {
+    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const timeval limit{20, 0};
+    ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    socketPath.copy(address.sun_path, sizeof(address.sun_path) - 1);
+    EXPECT_EQ(::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
+    return fd;
+}
+
+// An application's configuration as its web page changes it: a dwell time and the confidence
+// threshold that goes with it (always a hundredth of it), behind the version and the language.
+class PageConfig : public Config {
+public:
+    explicit PageConfig(const std::string& filename) : Config(filename, 2) {}
+
+    std::string serialize() const override {
+        std::ostringstream s;
+        s << Config::serialize() << dwellSeconds << ' ' << confidence << '\n';
+        return s.str();
+    }
+
+    int dwellSeconds = 5;
+    float confidence = 0.05f;
+
+protected:
+    using Config::deserializeStream;
+    // Takes both values or neither.
+    bool deserializeStream(std::stringstream& s, int /*versionNumber*/) override {
+        int dwell = 0;
+        float minimum = 0.0f;
+        if (!(s >> dwell >> minimum) || dwell < 0 || minimum < 0.0f || minimum > 1.0f) {
+            return false;
+        }
+        dwellSeconds = dwell;
+        confidence = minimum;
+        return true;
+    }
+};
+
+// The memory of the process that a leak would grow: resident memory, or under a sanitizer
+// (whose quarantine and shadow keep freed memory resident) the bytes the application holds
+// allocated.
 long memoryInUse() {
-#if defined(__SANITIZE_ADDRESS__)
+#if defined(STEMLIB_SANITIZER_ALLOCATOR)
     return static_cast<long>(__sanitizer_get_current_allocated_bytes());
 #else
     long pages = 0, resident = 0;
@@ -353,6 +441,212 @@ TEST(FastCGIServer, AnswersEachRequestOnItsSocketAndKeepsServing) {
                   std::vector<std::string>{std::string("run: Refused request body of length ") +
                                            (length != nullptr ? length : "")});
     }
+}
+
+TEST(FastCGIServer, ChecksEveryRecordBeforeLibfcgiReadsIt) {
+    SharedLogger logger;
+    StemlibTest::ScopedLogger scope(logger);
+    PackageFolder folder("records");
+    REQUIRE_PACKAGE_FOLDER(folder);
+    RecordingHandlers handlers;
+    TestFastCGIServer server(folder.appName(), std::ref(handlers));
+    const std::string get = fastcgiRequest(params("GET", "/?action=a"));
+    const std::string begin = get.substr(0, 16);
+    const std::string stdoutBlock = block("GET:a:0");
+
+    // Management records are answered here, libfcgi never sees them: the values asked for, each
+    // once, and an unknown type named back. A request behind them is served as usual.
+    std::string names;
+    for (const char* name : {"FCGI_MAX_CONNS", "FCGI_MPXS_CONNS", "FCGI_MAX_CONNS", "OTHER"}) {
+        names += encodedLength(std::strlen(name)) + '\0' + name;
+    }
+    std::string management = record(9, names) + record(42, std::string(8, 'x'));
+    management[3] = management[8 + names.size() + 3] = 0; // request id 0
+    int fd = connectTo(folder.socketPath());
+    std::vector<Record> records = recordExchange(fd, management + get);
+    ::close(fd);
+    ASSERT_GE(records.size(), 4u);
+    EXPECT_EQ(records[0].type, 10);
+    EXPECT_EQ(records[0].requestId, 0);
+    EXPECT_EQ(records[0].content, std::string("\x0e\x01"
+                                              "FCGI_MAX_CONNS1"
+                                              "\x0f\x01"
+                                              "FCGI_MPXS_CONNS0"));
+    EXPECT_EQ(records[1].type, 11);
+    EXPECT_EQ(records[1].content, std::string("\x2a\0\0\0\0\0\0\0", 8));
+    EXPECT_EQ(records[2].type, 6);
+    EXPECT_EQ(records[2].content, stdoutBlock);
+    EXPECT_EQ(records.back().type, 3);
+    EXPECT_TRUE(logger.take("error").empty());
+
+    // A kept connection serves one request after the other, as the web server sends them.
+    std::string kept = get;
+    kept[10] = 1; // FCGI_KEEP_CONN
+    fd = connectTo(folder.socketPath());
+    for (int i = 0; i < 3; ++i) {
+        records = recordExchange(fd, kept, 1);
+        ASSERT_EQ(records.size(), 3u) << i; // the answer, the end of the stream, the end
+        EXPECT_EQ(records[0].content, stdoutBlock);
+    }
+    ::close(fd);
+    EXPECT_EQ(handlers.take().size(), 4u);
+
+    // Damaged heads never reach libfcgi, which would end the process on some (lengths that
+    // overflow its allocation) and lose memory on others: refused with a line, no answer, and
+    // the server goes on.
+    const std::string absurdLengths = begin +
+                                      record(4, "\x8f\xff\xff\xf0\xff\xff\xff\xf0"
+                                                "ab") +
+                                      record(4, "");
+    const std::string tooLarge =
+        begin + record(4, std::string(40000, 'p')) + record(4, std::string(40000, 'p'));
+    std::string version2 = get;
+    version2[16] = 2;
+    const std::string shortBegin = record(1, std::string{0, 1, 0, 0});
+    const std::string roleFive = record(1, std::string{0, 5, 0, 0, 0, 0, 0, 0});
+    const std::string stdinFirst = begin + record(5, "x") + get.substr(16);
+    const std::string refused = "run: Refused FastCGI request: ";
+    struct Case {
+        std::string bytes;
+        bool hangUp;
+        std::string line;
+    };
+    const std::vector<Case> cases = {
+        {absurdLengths, false, refused + "damaged parameters"},
+        {begin + record(4, "\x05\x09REQUEST") + record(4, ""), false,
+         refused + "damaged parameters"},
+        {tooLarge + record(4, ""), false, refused + "parameters larger than 65536 bytes"},
+        {version2, false, refused + "record of version 2"},
+        {shortBegin + get.substr(16), false, refused + "damaged begin record"},
+        {roleFive + get.substr(16), false, refused + "role 5"},
+        {stdinFirst, false, refused + "record of type 5 before the end of the parameters"},
+        {get.substr(0, 40), true,
+         refused + "the connection ended or fell silent before the end of the parameters"},
+        {"", true, ""}, // a connection closed before a request is no failure
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.line);
+        EXPECT_EQ(fastcgiExchange(folder.socketPath(), c.bytes, c.hangUp), "");
+        // Connections are served in turn: the next answer comes after the line.
+        EXPECT_EQ(fastcgiExchange(folder.socketPath(), get), stdoutBlock);
+        EXPECT_EQ(logger.take("error"),
+                  c.line.empty() ? std::vector<std::string>{} : std::vector<std::string>{c.line});
+    }
+    EXPECT_EQ(handlers.take().size(), cases.size());
+
+    // Management records of unknown types cost nothing, however many arrive.
+    std::string unknown = record(42, std::string(8, '\0'));
+    unknown[3] = 0;
+    std::string many;
+    for (int i = 0; i < 4000; ++i) {
+        many += unknown;
+    }
+    fastcgiExchange(folder.socketPath(), many + get);
+    const long before = memoryInUse();
+    for (int round = 0; round < 3; ++round) {
+        EXPECT_EQ(fastcgiExchange(folder.socketPath(), many + get), stdoutBlock);
+    }
+    // Under emulation the resident size also holds the emulator's translated code, which grows.
+    if (!StemlibTest::underEmulation()) {
+        EXPECT_LE(memoryInUse() - before, 64 * 1024);
+    }
+    handlers.take();
+}
+
+TEST(FastCGIServer, HandlersChangeTheConfigurationThatTheAnalysisLoopReadsUnderTheAppsLock) {
+    // As an application does: the web thread replaces the configuration with Config::update and
+    // the analysis loop reads it, both under the application's own lock (Config has none), while
+    // the loop also looks words up in the language that the update sets.
+    PackageFolder folder("config");
+    REQUIRE_PACKAGE_FOLDER(folder);
+    StemlibTest::ScratchDirectory scratch;
+    const std::string file = scratch.file("page.conf");
+    PageConfig config(file);
+    config.initialize();
+    config.setLanguage("en");
+    std::mutex applicationLock;
+    TestFastCGIServer server(
+        folder.appName(),
+        [&](const std::string& method, const std::string& action, const std::string& body) {
+            std::lock_guard<std::mutex> lock(applicationLock);
+            if (method == "GET" && action == "get") {
+                return config.serialize();
+            }
+            if (method == "POST" && action == "set") {
+                const std::string previous = config.serialize();
+                if (config.update(body)) {
+                    return std::string("OK");
+                }
+                config.deserialize(previous); // a refused text may have changed the language
+                return std::string("ERROR");
+            }
+            return std::string("unknown");
+        });
+
+    std::atomic<bool> stop{false};
+    std::atomic<int> shownDwell{-1};
+    std::atomic<int> torn{0};
+    std::thread analysisLoop([&] {
+        while (!stop) {
+            int dwell = 0;
+            float confidence = 0.0f;
+            std::string language;
+            {
+                std::lock_guard<std::mutex> lock(applicationLock);
+                dwell = config.dwellSeconds;
+                confidence = config.confidence;
+                language = config.getLanguage();
+                torn += Localization::getLanguage() != language;
+            }
+            torn += confidence != static_cast<float>(dwell) / 100.0f;
+            // Words are looked up outside the lock: the language is held atomically.
+            torn += Localization::getString("markers.status.analysis").empty();
+            shownDwell = dwell;
+            std::this_thread::yield();
+        }
+    });
+
+    const char* const languages[] = {"de", "fr", "ja", "en", "th"};
+    std::string lastStored;
+    for (int i = 1; i <= 60; ++i) {
+        SCOPED_TRACE(i);
+        const std::string text = "2\n" + std::string(languages[i % 5]) + "\n" + std::to_string(i) +
+                                 " " + std::to_string(i / 100.0f) + "\n";
+        const auto post = [&](const std::string& body) {
+            return fastcgiExchange(
+                folder.socketPath(),
+                fastcgiRequest(params("POST", "/?action=set", std::to_string(body.size()).c_str()),
+                               body));
+        };
+        ASSERT_EQ(post(text), block("OK"));
+        lastStored = text;
+        // Refused texts change nothing: a value out of range, a newer version.
+        EXPECT_EQ(post("2\nde\n-1 0.5\n"), block("ERROR"));
+        EXPECT_EQ(post("3\nen\n1 0.01\n"), block("ERROR"));
+        // The loop shows each new configuration.
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        while (shownDwell != i && std::chrono::steady_clock::now() < deadline) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        EXPECT_EQ(shownDwell, i);
+        std::ostringstream expected;
+        expected << "2\n"
+                 << languages[i % 5] << "\n"
+                 << i << ' ' << static_cast<float>(i) / 100.0f << '\n';
+        EXPECT_EQ(
+            fastcgiExchange(folder.socketPath(), fastcgiRequest(params("GET", "/?action=get"))),
+            block(expected.str()));
+        if (HasFailure()) {
+            break;
+        }
+    }
+    stop = true;
+    analysisLoop.join();
+    EXPECT_EQ(torn, 0);
+    std::ifstream stored(file, std::ios::binary);
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(stored), {}), lastStored)
+        << "the file holds the last accepted text byte for byte";
+    Localization::setLanguage("en");
 }
 
 TEST(FastCGIServer, ParseQueryStringSplitsAtTheFirstEqualsSignWithoutDecoding) {

@@ -1,6 +1,7 @@
 // The host video service: maps, channels, streams, the ring of buffers, the generator's frames,
 // file and image inputs, frame timing and fault injection.
 #include "AllocationCounter.h"
+#include "Emulation.h"
 #include "HostCameraScope.h"
 #include "stemlib-host.h"
 
@@ -509,6 +510,9 @@ TEST(HostVdoStream, RunningOutOfMemoryFailsTheCallNotTheProcess) {
     GTEST_SKIP() << "AddressSanitizer reserves terabytes of address space, so the test's limit "
                     "on it cannot be set";
 #else
+    STEMLIB_SKIP_UNDER_EMULATION("the limit it sets on the address space would hold the "
+                                 "emulator's own memory, and the program cannot start itself "
+                                 "afresh there");
     // The child runs the test program afresh, so no thread of this process is copied into it.
     const std::string style = GTEST_FLAG_GET(death_test_style);
     GTEST_FLAG_SET(death_test_style, "threadsafe");

@@ -219,6 +219,10 @@ TEST(LarodModelBase, EveryStartFailureThrowsItsTextAndLeavesTheRestToTheDestruct
     const std::string model = forgedModel("movenet_192x192");
     const std::string init = "initializeFromModelPath: ";
     const std::string noDevice = init + "Failed to get device by name . ";
+    // A SLICE whose constant begin points far outside its input (found by fuzzing).
+    const std::string sliceOutside =
+        std::string(STEMLIB_SOURCE_DIR) +
+        "/tests/fuzz/corpus/larod_model/slice-begin-far-outside.tflite";
     // The tear-down after each failure, growing with what the start acquired.
     std::vector<std::string> nothing = {"larodDestroyJobRequest null", "larodDestroyTensors null",
                                         "larodDestroyTensors null",    "larodDeleteModel null",
@@ -271,6 +275,10 @@ TEST(LarodModelBase, EveryStartFailureThrowsItsTextAndLeavesTheRestToTheDestruct
         {nullptr, "", "", __FILE__,
          init + "Failed to load model " + __FILE__ + ". the file \"" + __FILE__ +
              "\" is not a valid TensorFlow Lite model",
+         connected},
+        {nullptr, "", "", sliceOutside,
+         init + "Failed to load model " + sliceOutside + ". the file \"" + sliceOutside +
+             "\" is not a valid TensorFlow Lite model: operator 1 (SLICE) reads outside its input",
          connected},
         {"cpu-proc", "", "cpu-proc", model,
          init + "Failed to load model " + model +

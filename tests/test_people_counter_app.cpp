@@ -110,10 +110,10 @@ TEST(PeopleCounterApp, CountsTheClipEndToEnd) {
     const int frames = 200;
     PackageFolder package("pc");
     ScratchDirectory out;
-    ChildProcess app(PEOPLE_COUNTER_BINARY,
-                     {"--camera", shippedCamera(), "--fast", "--frames", std::to_string(frames),
-                      "--out", out.path().string(), "--name", package.appName(), "--quiet",
-                      "--snapshot-seconds", "5"},
+    ChildProcess app(builtProgram(PEOPLE_COUNTER_BINARY,
+                                  {"--camera", shippedCamera(), "--fast", "--frames",
+                                   std::to_string(frames), "--out", out.path().string(), "--name",
+                                   package.appName(), "--quiet", "--snapshot-seconds", "5"}),
                      out.file("output.txt"), programEnvironment());
     ASSERT_GT(app.pid(), 0);
     ASSERT_EQ(app.wait(std::chrono::seconds(900)), 0) << readWholeFile(out.file("output.txt"));
@@ -245,7 +245,7 @@ TEST(PeopleCounterApp, CountsTheClipEndToEnd) {
 TEST(PeopleCounterApp, RefusesWhatItCannotRun) {
     ScratchDirectory out;
     const auto run = [&](const std::vector<std::string>& arguments) {
-        ChildProcess app(PEOPLE_COUNTER_BINARY, arguments, out.file("output.txt"),
+        ChildProcess app(builtProgram(PEOPLE_COUNTER_BINARY, arguments), out.file("output.txt"),
                          programEnvironment());
         const int code = app.wait(std::chrono::seconds(60));
         const std::string text = readWholeFile(out.file("output.txt"));
@@ -292,10 +292,11 @@ TEST(PeopleCounterApp, WebPageInABrowser) {
                       package.html() + "/" + file);
     }
     ScratchDirectory out;
-    ChildProcess counter(PEOPLE_COUNTER_BINARY,
-                         {"--camera", shippedCamera(), "--fast", "--serve", "--out",
-                          out.path().string(), "--name", app, "--quiet", "--no-video"},
-                         out.file("output.txt"), programEnvironment());
+    ChildProcess counter(
+        builtProgram(PEOPLE_COUNTER_BINARY,
+                     {"--camera", shippedCamera(), "--fast", "--serve", "--out",
+                      out.path().string(), "--name", app, "--quiet", "--no-video"}),
+        out.file("output.txt"), programEnvironment());
     const auto up = std::chrono::steady_clock::now() + std::chrono::seconds(120);
     while (!fs::exists(package.socketPath()) && counter.running() &&
            std::chrono::steady_clock::now() < up) {

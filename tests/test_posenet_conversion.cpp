@@ -1,6 +1,7 @@
 // The published PoseNet as the model forge converts it: its float outputs against TensorFlow.js
 // running the original graph model on real pictures, its uint8 outputs against the detectors'
 // quantization, and the forge's refusal of graph models it cannot convert.
+#include "ChildProcess.h"
 #include "ImageBufferFrameSource.h"
 #include "RealPosenet.h"
 #include "ScratchDirectory.h"
@@ -215,10 +216,12 @@ TEST(PosenetConversion, ForgeRefusesWhatItCannotConvert) {
         std::filesystem::create_directory(scratch.file("model"));
         std::ofstream(scratch.file("model/posenet.json"), std::ios::binary) << c.json;
         std::ofstream(scratch.file("model/posenet.bin"), std::ios::binary) << c.bin;
-        const std::string command = std::string("'") + STEMLIB_MODELFORGE + "' --posenet '" +
-                                    scratch.file("model") + "' '" + scratch.path().string() + "' " +
-                                    modelforge::posenetModel().name + " > '" + scratch.file("log") +
-                                    "' 2>&1";
+        std::string command;
+        for (const std::string& word : StemlibTest::builtProgram(STEMLIB_MODELFORGE)) {
+            command += "'" + word + "' ";
+        }
+        command += "--posenet '" + scratch.file("model") + "' '" + scratch.path().string() + "' " +
+                   modelforge::posenetModel().name + " > '" + scratch.file("log") + "' 2>&1";
         const int status = std::system(command.c_str());
         EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1) << status;
         EXPECT_NE(readWholeFile(scratch.file("log")).find(c.error), std::string::npos)

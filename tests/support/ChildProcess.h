@@ -13,11 +13,29 @@
 #include <cstring>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 extern char** environ;
 
+#ifndef STEMLIB_PROGRAM_LAUNCHER
+#define STEMLIB_PROGRAM_LAUNCHER ""
+#endif
+
 namespace StemlibTest {
+
+// The command that starts a program of this build: the program itself, or where the build is for
+// another processor, the build's launcher (STEMLIB_PROGRAM_LAUNCHER) followed by the program.
+inline std::vector<std::string> builtProgram(const std::string& program,
+                                             const std::vector<std::string>& arguments = {}) {
+    std::vector<std::string> command;
+    if (*STEMLIB_PROGRAM_LAUNCHER != '\0') {
+        command.push_back(STEMLIB_PROGRAM_LAUNCHER);
+    }
+    command.push_back(program);
+    command.insert(command.end(), arguments.begin(), arguments.end());
+    return command;
+}
 
 class ChildProcess {
 public:
@@ -60,6 +78,12 @@ public:
         }
         posix_spawn_file_actions_destroy(&actions);
     }
+
+    // Starts command[0] with the rest of command as its arguments.
+    ChildProcess(const std::vector<std::string>& command, const std::string& outputFile,
+                 std::vector<std::string> environment = {})
+        : ChildProcess(command.at(0), std::vector<std::string>(command.begin() + 1, command.end()),
+                       outputFile, std::move(environment)) {}
 
     ~ChildProcess() { stop(); }
     ChildProcess(const ChildProcess&) = delete;

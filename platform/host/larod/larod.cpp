@@ -452,6 +452,96 @@ bool engineCanBuild(const std::vector<std::uint8_t>& bytes, std::string& problem
     return true;
 }
 
+// TensorFlow Lite 2.9's SLICE checks begin + size against each dimension, but neither a negative
+// begin nor a sum that overflows, and then copies from wherever begin points. The trial run does
+// not always catch that (a read far outside lands on mapped memory in the child but not in the
+// parent), so the constant begin and size of every SLICE are checked here. The model's tables
+// have been verified by the engine's own reader already; only the indices between them are
+// checked on the way. Slots: Model.operator_codes 1, subgraphs 2, buffers 4; SubGraph.tensors 0,
+// operators 3; Operator.opcode_index 0, inputs 1; OperatorCode.deprecated_builtin_code 0,
+// builtin_code 3; Tensor.shape 0, type 1, buffer 2; Buffer.data 0.
+bool slicesStayInside(const std::vector<std::uint8_t>& bytes, std::string& problem) {
+    using flatbuffers::Offset;
+    using flatbuffers::Table;
+    using flatbuffers::Vector;
+    constexpr auto slot = [](int n) { return static_cast<flatbuffers::voffset_t>(4 + 2 * n); };
+    constexpr int kSlice = 65;
+    constexpr std::int8_t kInt32 = 2;
+    constexpr std::int8_t kInt64 = 4;
+    const Table* model = flatbuffers::GetRoot<Table>(bytes.data());
+    const auto* codes = model->GetPointer<const Vector<Offset<Table>>*>(slot(1));
+    const auto* subgraphs = model->GetPointer<const Vector<Offset<Table>>*>(slot(2));
+    const auto* buffers = model->GetPointer<const Vector<Offset<Table>>*>(slot(4));
+    if (codes == nullptr || subgraphs == nullptr || buffers == nullptr) {
+        return true; // nothing to slice with; the engine answers for the rest
+    }
+    // The constant values of a tensor, widened; empty when it has none or another type.
+    const auto constantValues = [&](const Table* tensor) {
+        std::vector<std::int64_t> values;
+        const std::int8_t type = tensor->GetField<std::int8_t>(slot(1), 0);
+        const std::uint32_t index = tensor->GetField<std::uint32_t>(slot(2), 0);
+        if ((type != kInt32 && type != kInt64) || index >= buffers->size()) {
+            return values;
+        }
+        const auto* data = buffers->Get(index)->GetPointer<const Vector<std::uint8_t>*>(slot(0));
+        const std::size_t width = type == kInt32 ? 4 : 8;
+        for (std::size_t at = 0; data != nullptr && at + width <= data->size(); at += width) {
+            if (width == 4) {
+                std::int32_t value = 0;
+                std::memcpy(&value, data->data() + at, width);
+                values.push_back(value);
+            } else {
+                std::int64_t value = 0;
+                std::memcpy(&value, data->data() + at, width);
+                values.push_back(value);
+            }
+        }
+        return values;
+    };
+    for (flatbuffers::uoffset_t g = 0; g < subgraphs->size(); ++g) {
+        const Table* subgraph = subgraphs->Get(g);
+        const auto* tensors = subgraph->GetPointer<const Vector<Offset<Table>>*>(slot(0));
+        const auto* operators = subgraph->GetPointer<const Vector<Offset<Table>>*>(slot(3));
+        for (flatbuffers::uoffset_t o = 0; tensors && operators && o < operators->size(); ++o) {
+            const Table* op = operators->Get(o);
+            const std::uint32_t codeIndex = op->GetField<std::uint32_t>(slot(0), 0);
+            const auto* inputs = op->GetPointer<const Vector<std::int32_t>*>(slot(1));
+            if (codeIndex >= codes->size() || inputs == nullptr || inputs->size() < 3) {
+                continue;
+            }
+            const Table* code = codes->Get(codeIndex);
+            const int builtin = std::max<int>(code->GetField<std::int8_t>(slot(0), 0),
+                                              code->GetField<std::int32_t>(slot(3), 0));
+            const auto tensorAt = [tensors](std::int32_t index) -> const Table* {
+                return index >= 0 && static_cast<flatbuffers::uoffset_t>(index) < tensors->size()
+                           ? tensors->Get(static_cast<flatbuffers::uoffset_t>(index))
+                           : nullptr;
+            };
+            const Table* input = tensorAt(inputs->Get(0));
+            const Table* beginTensor = tensorAt(inputs->Get(1));
+            const Table* sizeTensor = tensorAt(inputs->Get(2));
+            if (builtin != kSlice || !input || !beginTensor || !sizeTensor) {
+                continue;
+            }
+            const auto* shape = input->GetPointer<const Vector<std::int32_t>*>(slot(0));
+            const std::vector<std::int64_t> begin = constantValues(beginTensor);
+            const std::vector<std::int64_t> size = constantValues(sizeTensor);
+            for (std::size_t d = 0;
+                 shape && d < shape->size() && d < begin.size() && d < size.size(); ++d) {
+                const std::int64_t dimension = shape->Get(static_cast<flatbuffers::uoffset_t>(d));
+                const bool inside =
+                    begin[d] >= 0 && begin[d] <= dimension &&
+                    (size[d] == -1 || (size[d] >= 0 && size[d] <= dimension - begin[d]));
+                if (!inside) {
+                    problem = "operator " + std::to_string(o) + " (SLICE) reads outside its input";
+                    return false;
+                }
+            }
+        }
+    }
+    return true;
+}
+
 // Reads the whole file from offset 0, without moving the descriptor's position.
 bool readModelFile(int fd, std::vector<std::uint8_t>& bytes, std::string& problem) {
     constexpr std::size_t kMaxModelBytes = std::size_t(1) << 31;
@@ -761,6 +851,11 @@ extern "C" larodModel* larodLoadModel(larodConnection* conn, int fd, const larod
                     "the file \"" + model->name + "\" is not a valid TensorFlow Lite model");
     }
     if (!engineCanBuild(model->bytes, problem)) {
+        return fail(LAROD_ERROR_LOAD_MODEL,
+                    "the file \"" + model->name +
+                        "\" is not a valid TensorFlow Lite model: " + problem);
+    }
+    if (!slicesStayInside(model->bytes, problem)) {
         return fail(LAROD_ERROR_LOAD_MODEL,
                     "the file \"" + model->name +
                         "\" is not a valid TensorFlow Lite model: " + problem);
