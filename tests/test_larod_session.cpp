@@ -220,6 +220,9 @@ TEST(LarodModelBase, EveryStartFailureThrowsItsTextAndLeavesTheRestToTheDestruct
     const std::string init = "initializeFromModelPath: ";
     const std::string noDevice = init + "Failed to get device by name . ";
     // A SLICE whose constant begin points far outside its input (found by fuzzing).
+    // An SSD post-processing operator that writes over the scores tensor it reads.
+    const std::string writtenTwice = std::string(STEMLIB_SOURCE_DIR) +
+                                     "/tests/fuzz/corpus/larod_model/tensor-written-twice.tflite";
     const std::string sliceOutside =
         std::string(STEMLIB_SOURCE_DIR) +
         "/tests/fuzz/corpus/larod_model/slice-begin-far-outside.tflite";
@@ -279,6 +282,11 @@ TEST(LarodModelBase, EveryStartFailureThrowsItsTextAndLeavesTheRestToTheDestruct
         {nullptr, "", "", sliceOutside,
          init + "Failed to load model " + sliceOutside + ". the file \"" + sliceOutside +
              "\" is not a valid TensorFlow Lite model: operator 1 (SLICE) reads outside its input",
+         connected},
+        {nullptr, "", "", writtenTwice,
+         init + "Failed to load model " + writtenTwice + ". the file \"" + writtenTwice +
+             "\" is not a valid TensorFlow Lite model: tensor 14 is written by operator 7 and "
+             "by operator 6",
          connected},
         {"cpu-proc", "", "cpu-proc", model,
          init + "Failed to load model " + model +

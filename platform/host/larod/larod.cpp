@@ -542,6 +542,58 @@ bool slicesStayInside(const std::vector<std::uint8_t>& bytes, std::string& probl
     return true;
 }
 
+// TensorFlow Lite 2.9 plans its tensor arena on the assumption that each tensor is written by
+// one operator at most and that the graph's inputs are written by none. A damaged model that
+// names one tensor as the output of two operators gets a plan in which the later write runs past
+// the arena, depending on what the heap held before, which a trial run cannot rule out. The
+// tables have been verified by the engine's reader; the slots are those of slicesStayInside,
+// with SubGraph.inputs 1 and Operator.outputs 2.
+bool eachTensorWrittenOnce(const std::vector<std::uint8_t>& bytes, std::string& problem) {
+    using flatbuffers::Offset;
+    using flatbuffers::Table;
+    using flatbuffers::Vector;
+    constexpr auto slot = [](int n) { return static_cast<flatbuffers::voffset_t>(4 + 2 * n); };
+    const Table* model = flatbuffers::GetRoot<Table>(bytes.data());
+    const auto* subgraphs = model->GetPointer<const Vector<Offset<Table>>*>(slot(2));
+    for (flatbuffers::uoffset_t g = 0; subgraphs != nullptr && g < subgraphs->size(); ++g) {
+        const Table* subgraph = subgraphs->Get(g);
+        const auto* tensors = subgraph->GetPointer<const Vector<Offset<Table>>*>(slot(0));
+        const auto* inputs = subgraph->GetPointer<const Vector<std::int32_t>*>(slot(1));
+        const auto* operators = subgraph->GetPointer<const Vector<Offset<Table>>*>(slot(3));
+        if (tensors == nullptr || operators == nullptr) {
+            continue;
+        }
+        // -1: not written; -2: an input of the graph; else the operator that writes it.
+        std::vector<long> writer(tensors->size(), -1);
+        for (flatbuffers::uoffset_t i = 0; inputs != nullptr && i < inputs->size(); ++i) {
+            const std::int32_t t = inputs->Get(i);
+            if (t >= 0 && static_cast<std::size_t>(t) < writer.size()) {
+                writer[static_cast<std::size_t>(t)] = -2;
+            }
+        }
+        for (flatbuffers::uoffset_t o = 0; o < operators->size(); ++o) {
+            const auto* outputs =
+                operators->Get(o)->GetPointer<const Vector<std::int32_t>*>(slot(2));
+            for (flatbuffers::uoffset_t i = 0; outputs != nullptr && i < outputs->size(); ++i) {
+                const std::int32_t t = outputs->Get(i);
+                if (t < 0 || static_cast<std::size_t>(t) >= writer.size()) {
+                    continue; // optional, or refused by the engine itself
+                }
+                long& by = writer[static_cast<std::size_t>(t)];
+                if (by != -1) {
+                    problem = "tensor " + std::to_string(t) + " is written by operator " +
+                              std::to_string(o) +
+                              (by == -2 ? std::string(" but is an input of the model")
+                                        : " and by operator " + std::to_string(by));
+                    return false;
+                }
+                by = static_cast<long>(o);
+            }
+        }
+    }
+    return true;
+}
+
 // Reads the whole file from offset 0, without moving the descriptor's position.
 bool readModelFile(int fd, std::vector<std::uint8_t>& bytes, std::string& problem) {
     constexpr std::size_t kMaxModelBytes = std::size_t(1) << 31;
@@ -855,7 +907,7 @@ extern "C" larodModel* larodLoadModel(larodConnection* conn, int fd, const larod
                     "the file \"" + model->name +
                         "\" is not a valid TensorFlow Lite model: " + problem);
     }
-    if (!slicesStayInside(model->bytes, problem)) {
+    if (!slicesStayInside(model->bytes, problem) || !eachTensorWrittenOnce(model->bytes, problem)) {
         return fail(LAROD_ERROR_LOAD_MODEL,
                     "the file \"" + model->name +
                         "\" is not a valid TensorFlow Lite model: " + problem);
