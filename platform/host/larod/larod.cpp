@@ -184,6 +184,11 @@ larodTensorDataType toLarod(TfLiteType type) {
 
 // Describes an engine tensor; false with a message when larod cannot carry it.
 bool describe(const TfLiteTensor* tensor, TensorInfo& info, std::string& problem) {
+    // The engine gives no tensor for an input or output index outside the model's tensors.
+    if (tensor == nullptr) {
+        problem = "the model lists an input or output that is not one of its tensors";
+        return false;
+    }
     info.name = TfLiteTensorName(tensor) != nullptr ? TfLiteTensorName(tensor) : "";
     info.dataType = toLarod(TfLiteTensorType(tensor));
     if (info.dataType == LAROD_TENSOR_DATA_TYPE_INVALID) {
