@@ -72,8 +72,10 @@ run_one() { # harness
     if [ "$status" -eq 0 ]; then
         echo "fuzz: $reader: ${runs:-?} inputs in ${SECONDS_EACH} s, no finding"
     else
+        # The input that ended the run is the last one written: a child process of the harness
+        # (the host inference service tries models in one) can write one of its own before.
         echo "fuzz: $reader: FAILED (status $status) after ${runs:-?} inputs; its input:" \
-            "$(ls "$work/findings/"* 2> /dev/null | head -n 1)"
+            "$(sed -n 's/.*Test unit written to //p' "$work/log" | tail -n 1)"
         grep -m 12 -E 'ERROR|SUMMARY|runtime error|fuzz property|#[0-9]+ 0x' "$work/log" | head -n 12
         return 1
     fi
